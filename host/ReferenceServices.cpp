@@ -1,0 +1,237 @@
+#include <openssl/evp.h>
+#include <uuid/uuid.h>
+
+#include <array>
+#include <ctime>
+#include <stdexcept>
+
+#include "host/HostServices.h"
+
+namespace orvik::host {
+
+std::string stableIDOf(const std::vector<std::string_view>& parts) {
+    std::string joined;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (i > 0) {
+            joined.push_back('\x1f');
+        }
+        joined.append(parts[i]);
+    }
+
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int digestLength = 0;
+    if (EVP_Digest(joined.data(), joined.size(), digest.data(), &digestLength, EVP_sha256(),
+                   nullptr) != 1) {
+        throw std::runtime_error("SHA-256 digest failed");
+    }
+
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string id;
+    id.reserve(36);
+    for (std::size_t i = 0; i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) {
+            id.push_back('-');
+        }
+        id.push_back(kHex[digest[i] >> 4]);
+        id.push_back(kHex[digest[i] & 0x0f]);
+    }
+    return id;
+}
+
+std::string newUUID() {
+    uuid_t uuid;
+    uuid_generate_random(uuid);
+    std::array<char, 37> text{};
+    uuid_unparse_lower(uuid, text.data());
+    return std::string(text.data());
+}
+
+std::string nowTimestamp() {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    if (gmtime_r(&now, &utc) == nullptr) {
+        throw std::runtime_error("cannot convert the current time to UTC");
+    }
+    std::array<char, 32> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return std::string(text.data(), length);
+}
+
+namespace {
+
+class ReferenceOwnerEgo final : public OwnerEgoProjection {
+  public:
+    std::string personID(store::Connection& db) override {
+        std::string id;
+        db.query("SELECT person_id FROM owner_ego LIMIT 1", {},
+                 [&](const store::Row& row) { id = row.text("person_id"); });
+        return id;
+    }
+};
+
+class ReferenceOwnerAliases final : public OwnerAliasRegistry {
+  public:
+    bool isAlias(store::Connection& db, const std::string& sourceType,
+                 const std::string& handleNormalized) override {
+        return db.scalarFlag(
+            "SELECT EXISTS(SELECT 1 FROM owner_alias WHERE source_type = ? AND handle_normalized = "
+            "?)",
+            {sourceType, handleNormalized});
+    }
+
+    Declaration declareAliasAndExcludeBoundPerson(store::Connection& db,
+                                                  const std::string& sourceType,
+                                                  const std::string& handleNormalized,
+                                                  const std::string& subjectID,
+                                                  const std::string& sourceIdentityID) override {
+        const std::string now = nowTimestamp();
+        Declaration result;
+
+        result.wasNewAlias = !isAlias(db, sourceType, handleNormalized);
+        if (result.wasNewAlias) {
+            db.run(
+                "INSERT INTO owner_alias (source_type, handle_normalized, subject_id, "
+                "source_identity_id, created_at) VALUES (?, ?, ?, ?, ?)",
+                {sourceType, handleNormalized, subjectID, sourceIdentityID, now});
+        }
+
+        // The store keeps at most one active membership per identity; take the first.
+        std::optional<std::string> bound;
+        db.query(
+            "SELECT canonical_person_id FROM identity_membership\n"
+            "WHERE source_identity_id = ? AND ended_at IS NULL AND state IN "
+            "('high_conf','confirmed')\n"
+            "LIMIT 1",
+            {sourceIdentityID},
+            [&](const store::Row& row) { bound = row.text("canonical_person_id"); });
+        if (!bound) {
+            return result;
+        }
+
+        result.excludedPersonID = bound;
+        const std::string ruleID = stableID("owner-alias-exclusion", *bound);
+        // The rule's identifier is derived from the person, so declaring a second
+        // alias bound to the same person finds the rule already there.
+        result.insertedExclusion =
+            db.run(
+                "INSERT INTO exclusion_rule (id, scope, target_id, reason, created_at)\n"
+                "SELECT ?, 'person', ?, 'owner_alias', ?\n"
+                "WHERE NOT EXISTS (SELECT 1 FROM exclusion_rule WHERE id = ?)",
+                {ruleID, *bound, now, ruleID}) == 1;
+        return result;
+    }
+
+    void removeAlias(store::Connection& db, const std::string& sourceType,
+                     const std::string& handleNormalized) override {
+        db.run("DELETE FROM owner_alias WHERE source_type = ? AND handle_normalized = ?",
+               {sourceType, handleNormalized});
+    }
+};
+
+class ReferenceProjectionGeneration final : public RelationshipProjectionGeneration {
+  public:
+    void bump(store::Connection& db) override {
+        // No UPSERT before SQLite 3.24: update, and create the row when there was none.
+        const int changed = db.run(
+            "UPDATE relationship_projection_generation SET generation = generation + 1 "
+            "WHERE id = 1");
+        if (changed == 0) {
+            db.run("INSERT INTO relationship_projection_generation (id, generation) VALUES (1, 1)");
+        }
+    }
+};
+
+std::string notExcluded(const char* scope, const std::string& column) {
+    return std::string("(NOT EXISTS (SELECT 1 FROM exclusion_rule er WHERE er.scope = '") + scope +
+           "' AND er.target_id = " + column + "))";
+}
+
+class ReferencePresentationEligibility final : public SourceIdentityPresentationEligibility {
+  public:
+    std::string presentationPredicateSQL(
+        const std::string& identityIDColumn, const std::string& /*sourceTypeColumn*/,
+        const std::optional<std::string>& /*personIDColumn*/) override {
+        return notExcluded("source_identity", identityIDColumn);
+    }
+
+    std::string manualCorrectionPredicateSQL(const std::string& identityIDColumn,
+                                             const std::string& /*sourceTypeColumn*/,
+                                             const std::string& /*handleColumn*/) override {
+        return notExcluded("source_identity", identityIDColumn);
+    }
+};
+
+class ReferenceSourceEligibility final : public SourceEligibility {
+  public:
+    // Every policy gets the person-exclusion filter: the identity library only asks
+    // for identityCorrection, and for the others a stricter filter is never wrong.
+    std::string personPredicateSQL(Policy /*policy*/, const std::string& personIDColumn) override {
+        return notExcluded("person", personIDColumn);
+    }
+};
+
+class ReferenceFollowUpScheduler final : public FollowUpScheduler {
+  public:
+    std::optional<AttentionCatchUpItem> attentionItem(
+        const std::string& personID, const std::string& openLoopID,
+        const std::optional<std::string>& detectedAt) override {
+        if (!detectedAt || detectedAt->empty()) {
+            return std::nullopt;
+        }
+        return AttentionCatchUpItem{
+            "follow-up|" + personID + "|" + openLoopID + "|" + *detectedAt,
+            personID,
+            openLoopID,
+            *detectedAt,
+        };
+    }
+
+    void retractCandidate(store::Connection& db, const std::string& openLoopID) override {
+        db.run("DELETE FROM relationship_attention_candidate WHERE open_loop_id = ?", {openLoopID});
+    }
+
+    void reprojectCandidatesCore(store::Connection& db, const std::string& personID) override {
+        db.run("DELETE FROM relationship_attention_candidate WHERE person_id = ?", {personID});
+
+        struct Scheduled {
+            std::string openLoopID;
+            std::optional<std::string> detectedAt;
+        };
+        // Read everything first so that no insert runs while the read is open.
+        std::vector<Scheduled> scheduled;
+        db.query(
+            "SELECT f.open_loop_id, o.detected_at\n"
+            "FROM follow_up f JOIN open_loop o ON o.id = f.open_loop_id\n"
+            "WHERE f.person_id = ? AND f.state = 'scheduled'\n"
+            "ORDER BY f.id",
+            {personID}, [&](const store::Row& row) {
+                scheduled.push_back({row.text("open_loop_id"), row.optionalText("detected_at")});
+            });
+
+        for (const auto& followUp : scheduled) {
+            const auto item = attentionItem(personID, followUp.openLoopID, followUp.detectedAt);
+            if (!item) {
+                continue;
+            }
+            db.run(
+                "INSERT OR REPLACE INTO relationship_attention_candidate\n"
+                "(candidate_key, person_id, open_loop_id, detected_at) VALUES (?, ?, ?, ?)",
+                {item->candidateKey, item->personID, item->openLoopID, item->detectedAt});
+        }
+    }
+};
+
+}  // namespace
+
+HostServices HostServices::reference() {
+    return HostServices{
+        std::make_shared<ReferenceOwnerEgo>(),
+        std::make_shared<ReferenceOwnerAliases>(),
+        std::make_shared<ReferenceProjectionGeneration>(),
+        std::make_shared<ReferencePresentationEligibility>(),
+        std::make_shared<ReferenceSourceEligibility>(),
+        std::make_shared<ReferenceFollowUpScheduler>(),
+    };
+}
+
+}  // namespace orvik::host

@@ -1,0 +1,100 @@
+// IdentityRepository: the one object through which the application reads and
+// corrects identities.
+//
+// It is constructed over the application's database pool, a witness sink and the
+// host services, all fixed for its lifetime, and keeps no other state: every
+// answer comes from the database at the time of the call.
+//
+// Operations are synchronous and safe to call from any thread. The repository
+// runs them one at a time, in the order of the calls. Each opens exactly one
+// transaction of the pool (a read transaction for reads) and either returns its
+// result or throws; a thrown error has rolled everything back and emitted no
+// witness event. Errors are IdentityStoreError or store::DatabaseError.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/HostServices.h"
+#include "identity/IdentityCorrectionWitness.h"
+#include "identity/IdentityModels.h"
+#include "store/Database.h"
+
+namespace orvik::identity {
+
+namespace internal {
+class RepositoryCore;
+}
+
+class IdentityRepository {
+  public:
+    IdentityRepository(
+        std::shared_ptr<store::DatabasePool> sharedDatabasePool,
+        IdentityCorrectionWitness::Sink witnessSink = &IdentityCorrectionWitness::unifiedLogSink,
+        host::HostServices services = host::HostServices::reference());
+    ~IdentityRepository();
+    IdentityRepository(const IdentityRepository&) = delete;
+    IdentityRepository& operator=(const IdentityRepository&) = delete;
+
+    // --- Reads. Missing rows are not errors: they give an absent result or an
+    // empty list. A stored state or decided-by text that is not one of its known
+    // values fails the read with corruptRestoreMap.
+
+    std::optional<SourceIdentityRow> sourceIdentity(const std::string& id);
+    // An absorbed person is returned as stored.
+    std::optional<PersonRow> person(const std::string& id);
+    // The identity's active membership (at most one is expected).
+    std::optional<IdentityMembershipRow> activeMembership(const std::string& sourceIdentityID);
+    std::vector<IdentityMembershipRow> activeMemberships(const std::string& personID);
+    std::optional<MergeEventRow> mergeEvent(const std::string& id);
+    // The newest unreversed event in which the person survived or was absorbed;
+    // among events of the same second, the one written last.
+    std::optional<MergeEventRow> latestUndoableMergeEvent(const std::string& personID);
+    // The person an identity belongs to, following absorptions to the live head,
+    // with the state, decider and reason of the identity's own membership.
+    std::optional<ResolvedPerson> resolveCanonicalPerson(const std::string& sourceIdentityID);
+
+  private:
+    // Runs fn(core, connection) in a read transaction, serialised with every other
+    // operation of this repository.
+    template <typename F>
+    auto readOperation(F&& fn);
+    // Runs fn(core, connection) in a write transaction, serialised likewise.
+    template <typename F>
+    auto writeOperation(F&& fn);
+    // Calls the sink after a commit.
+    void emit(const IdentityCorrectionWitness::Event& event) const;
+
+    // A first-come, first-served turn: operations run in the order they arrive.
+    class SerialQueue {
+      public:
+        class Turn {
+          public:
+            explicit Turn(SerialQueue& queue);
+            ~Turn();
+            Turn(const Turn&) = delete;
+            Turn& operator=(const Turn&) = delete;
+
+          private:
+            SerialQueue& queue_;
+        };
+
+      private:
+        std::mutex mutex_;
+        std::condition_variable turnChanged_;
+        std::uint64_t nextTicket_ = 0;
+        std::uint64_t serving_ = 0;
+    };
+
+    std::shared_ptr<store::DatabasePool> pool_;
+    IdentityCorrectionWitness::Sink witnessSink_;
+    std::unique_ptr<internal::RepositoryCore> core_;
+    mutable SerialQueue queue_;
+};
+
+}  // namespace orvik::identity

@@ -1,0 +1,124 @@
+// The repository's cores and internal helpers. Only the repository (and the
+// tests that check its helpers directly) include this header.
+//
+// Every function takes the open connection of the caller's transaction as its
+// last parameter and never opens a transaction of its own. Any of them may throw
+// store::DatabaseError; row decoding throws IdentityStoreError::corruptRestoreMap.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/HostServices.h"
+#include "identity/IdentityModels.h"
+#include "store/Database.h"
+
+namespace orvik::identity::internal {
+
+// Row decoding, by column name.
+[[nodiscard]] SourceIdentityRow decodeSourceIdentity(const store::Row& row);
+[[nodiscard]] PersonRow decodePerson(const store::Row& row);
+// Reads and parses state, then decided_by, before the other columns.
+[[nodiscard]] IdentityMembershipRow decodeMembership(const store::Row& row);
+// Reads and parses decided_by before the other columns.
+[[nodiscard]] MergeEventRow decodeMergeEvent(const store::Row& row);
+[[nodiscard]] IdentityConstraintRow decodeConstraint(const store::Row& row);
+
+// The maximum number of merged_into_person_id hops followed from a person.
+inline constexpr int kAbsorptionChainHops = 20;
+
+class RepositoryCore {
+  public:
+    explicit RepositoryCore(host::HostServices services);
+
+    [[nodiscard]] const host::HostServices& services() const noexcept { return services_; }
+
+    // --- Single-row and list reads --------------------------------------------
+
+    std::optional<SourceIdentityRow> sourceIdentityRow(const std::string& id,
+                                                       store::Connection& db);
+    std::optional<PersonRow> personRow(const std::string& id, store::Connection& db);
+    // The first active membership SQLite returns (at most one is expected).
+    std::optional<IdentityMembershipRow> activeMembershipRow(const std::string& sourceIdentityID,
+                                                             store::Connection& db);
+    std::vector<IdentityMembershipRow> activeMembershipRows(const std::string& personID,
+                                                            store::Connection& db);
+    std::optional<MergeEventRow> mergeEventRow(const std::string& id, store::Connection& db);
+    // The newest unreversed event naming the person as survivor or absorbed; ties
+    // on created_at go to the row inserted last.
+    std::optional<MergeEventRow> latestUndoableMergeEventRow(const std::string& personID,
+                                                             store::Connection& db);
+    // The live head of the identity's active membership, with the membership's
+    // state, decider and reason. Absent without an active membership or when the
+    // head person does not exist.
+    std::optional<ResolvedPerson> resolveCanonicalPerson(const std::string& sourceIdentityID,
+                                                         store::Connection& db);
+
+    // --- Owner tests -----------------------------------------------------------
+
+    // The handle is a registered alias, a connected account, or the handle of an
+    // active member of the user's own person.
+    bool isOwnerIdentity(const std::string& sourceType, const std::string& handleNormalized,
+                         store::Connection& db);
+    // The person is the user's own, or one of its active members is an owner
+    // identity.
+    bool personContainsOwnerIdentity(const std::string& personID, store::Connection& db);
+    bool hasOwnerAliasExclusion(const std::string& personID, store::Connection& db);
+    // A handle of the person that is registered as one of the user's own.
+    std::optional<std::string> ownerAliasHandle(const std::string& personID, store::Connection& db);
+
+    // --- Persons and claims ------------------------------------------------------
+
+    // Follows merged_into_person_id for at most 20 hops. A missing person ends the
+    // walk at its identifier; a cycle ends wherever the 20th hop lands. Never fails
+    // on a broken chain.
+    std::string absorptionChainHead(const std::string& personID, store::Connection& db);
+    // The claims owned by the person, in id order.
+    std::vector<std::string> claimIDs(const std::string& personID, store::Connection& db);
+    // Inserts a stub person created by an identity correction; returns its id.
+    std::string createPersonRow(store::Connection& db);
+
+    // --- Different-person constraints --------------------------------------------
+
+    struct ConstraintRef {
+        std::string id;
+        std::string decidedBy;
+        bool operator==(const ConstraintRef&) const = default;
+    };
+
+    // Exact symmetric match when either side is an identity; for two persons, a
+    // match between the absorption heads (false when both have the same head).
+    bool hasDifferentConstraint(ConstraintSubjectType aType, const std::string& aID,
+                                ConstraintSubjectType bType, const std::string& bID,
+                                store::Connection& db);
+    // Exact symmetric match whatever the types, in result order.
+    std::vector<ConstraintRef> liveDifferentConstraintRows(ConstraintSubjectType aType,
+                                                           const std::string& aID,
+                                                           ConstraintSubjectType bType,
+                                                           const std::string& bID,
+                                                           store::Connection& db);
+    // Live person-person constraints whose heads are the two persons' heads.
+    std::vector<std::string> livePersonPairDifferentConstraintIDs(const std::string& personA,
+                                                                  const std::string& personB,
+                                                                  store::Connection& db);
+    // Live re-minted copies of a constraint naming an archive participant, sorted.
+    std::vector<std::string> liveRemintedConstraintIDs(const std::string& originalConstraintID,
+                                                       store::Connection& db);
+    // Revokes each listed constraint once (even if already revoked) together with
+    // its live re-minted copies; returns what it revoked, in order.
+    std::vector<std::string> revokeDifferentConstraintRows(const std::vector<std::string>& ids,
+                                                           const std::string& revokedAt,
+                                                           store::Connection& db);
+    // Revokes every live constraint between the two identities, between the two
+    // persons (directly or through absorption) and across them.
+    std::vector<std::string> revokeLiveDifferentConstraints(
+        const std::string& sourceIdentityA, const std::string& sourceIdentityB,
+        const std::optional<std::string>& personA, const std::optional<std::string>& personB,
+        const std::string& revokedAt, store::Connection& db);
+
+  private:
+    host::HostServices services_;
+};
+
+}  // namespace orvik::identity::internal

@@ -1,0 +1,331 @@
+// SQLite plumbing: connections, cached statements, transactions and the pool.
+//
+// The application owns the database file. It opens one DatabasePool per file and
+// hands it to the libraries that work inside it. Each library operation runs one
+// closure inside one transaction of the pool:
+//
+//     pool.write([&](Connection& db) { ... });   // BEGIN IMMEDIATE ... COMMIT
+//     pool.read([&](Connection& db) { ... });    // BEGIN ... COMMIT on a reader
+//
+// The closure's return value is passed back; any exception it throws rolls the
+// transaction back and propagates unchanged. Nothing here catches errors of the
+// caller.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <variant>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace orvik::store {
+
+// Every failure reported by SQLite. `code()` is the extended result code,
+// `sqliteMessage()` SQLite's own text and `statement()` the statement text that
+// failed (empty when the failure was not tied to one statement, such as opening).
+class DatabaseError : public std::runtime_error {
+  public:
+    DatabaseError(int code, std::string message, std::string statement = {});
+
+    [[nodiscard]] int code() const noexcept { return code_; }
+    [[nodiscard]] int primaryCode() const noexcept { return code_ & 0xff; }
+    [[nodiscard]] const std::string& sqliteMessage() const noexcept { return message_; }
+    [[nodiscard]] const std::string& statement() const noexcept { return statement_; }
+
+  private:
+    int code_;
+    std::string message_;
+    std::string statement_;
+};
+
+// One bound parameter. A list expands to one binding per element; the caller's
+// statement text must carry one "?" per element (see placeholders()).
+using Param =
+    std::variant<std::nullptr_t, std::int64_t, double, std::string, std::vector<std::string>>;
+
+// The parameters of one statement, bound by position in the order given.
+class Params {
+  public:
+    Params() = default;
+    Params(std::initializer_list<Param> params) : values_(params) {}
+
+    Params& add(Param p) {
+        values_.push_back(std::move(p));
+        return *this;
+    }
+    [[nodiscard]] const std::vector<Param>& values() const noexcept { return values_; }
+
+  private:
+    std::vector<Param> values_;
+};
+
+// Converts optional text to a parameter: NULL when absent.
+Param optionalText(const std::optional<std::string>& value);
+
+// "?,?,?" for n elements: the inside of an IN list for a list parameter.
+std::string placeholders(std::size_t n);
+
+// The current row of a running statement. Columns are read by name; a name that
+// the statement does not return is a programming error and throws DatabaseError
+// with SQLITE_RANGE.
+class Row {
+  public:
+    explicit Row(sqlite3_stmt* stmt) : stmt_(stmt) {}
+
+    [[nodiscard]] bool isNull(std::string_view column) const;
+    // Text of a column; NULL reads as the empty string.
+    [[nodiscard]] std::string text(std::string_view column) const;
+    [[nodiscard]] std::optional<std::string> optionalText(std::string_view column) const;
+    [[nodiscard]] std::int64_t integer(std::string_view column) const;
+    [[nodiscard]] std::optional<std::int64_t> optionalInteger(std::string_view column) const;
+    [[nodiscard]] double real(std::string_view column) const;
+
+    // Positional access, for single-value statements such as "SELECT count(*) ...".
+    [[nodiscard]] int columnCount() const;
+    [[nodiscard]] bool isNull(int index) const;
+    [[nodiscard]] std::string text(int index) const;
+    [[nodiscard]] std::int64_t integer(int index) const;
+    [[nodiscard]] double real(int index) const;
+
+    [[nodiscard]] std::string columnName(int index) const;
+
+    // Index of a named column, or -1.
+    [[nodiscard]] int indexOf(std::string_view column) const;
+
+  private:
+    [[nodiscard]] int requireIndex(std::string_view column) const;
+    sqlite3_stmt* stmt_;
+};
+
+// Makes the Nth statement executed inside a transaction fail with an SQLite error,
+// so that tests can prove a failed operation leaves nothing behind. Armed on a pool
+// (DatabasePool::armFault); it fires once, in the next transaction that executes
+// that many statements, and then disarms itself. BEGIN and COMMIT are not counted.
+struct FaultPlan {
+    // 1-based: the first statement of the transaction is 1.
+    int failAtStatement = 1;
+    // The extended result code reported (SQLITE_IOERR by default).
+    int code = 10;
+    // Restrict the fault to write transactions (the usual case) or to reads.
+    bool writesOnly = true;
+    // Set by the seam when the fault fired.
+    bool fired = false;
+};
+
+class Connection;
+
+// A prepared statement, cached by its connection. Use it through Connection.
+class Statement {
+  public:
+    Statement(sqlite3* db, std::string sql);
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    [[nodiscard]] const std::string& sql() const noexcept { return sql_; }
+
+  private:
+    friend class Connection;
+    void bind(const Params& params);
+    // Steps once: true when a row is available.
+    bool step();
+    void reset() noexcept;
+
+    sqlite3* db_;
+    sqlite3_stmt* stmt_ = nullptr;
+    std::string sql_;
+    bool busy_ = false;
+};
+
+// One open SQLite connection with its statement cache. Not thread-safe: the pool
+// hands a connection to one transaction at a time.
+class Connection {
+  public:
+    Connection(const std::filesystem::path& path, int openFlags);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // Runs a statement to completion and returns sqlite3_changes() after it.
+    int run(const std::string& sql, const Params& params = {});
+
+    // Runs a statement and calls onRow for each result row, in SQLite's order.
+    void query(const std::string& sql, const Params& params,
+               const std::function<void(const Row&)>& onRow);
+
+    // The first row's first column as an integer; absent when there is no row or
+    // the value is NULL. Useful for "SELECT EXISTS(...)" and "SELECT count(*) > 0".
+    std::optional<std::int64_t> scalarInteger(const std::string& sql, const Params& params = {});
+
+    // True when scalarInteger gives a non-zero value; no row and NULL count as false.
+    bool scalarFlag(const std::string& sql, const Params& params = {});
+
+    // sqlite3_changes() of the last statement.
+    [[nodiscard]] int changes() const;
+
+    // Runs one or more statements without parameters and without caching (DDL,
+    // PRAGMA). Not counted by the fault seam.
+    void executeScript(const std::string& sql);
+
+    [[nodiscard]] bool autocommit() const;
+    [[nodiscard]] sqlite3* handle() const noexcept { return db_; }
+    [[nodiscard]] std::size_t cachedStatementCount() const noexcept { return cache_.size(); }
+
+    // Transaction bookkeeping used by Transaction and the fault seam.
+    void beginCounting(FaultPlan* plan) noexcept;
+    void endCounting() noexcept;
+
+    [[noreturn]] void fail(int code, const std::string& sql) const;
+
+  private:
+    // A cached statement, or a fresh one when the cached one is still running
+    // (a statement used again from inside its own row callback).
+    class Lease;
+    Lease acquire(const std::string& sql);
+    void countStatement(const std::string& sql);
+
+    sqlite3* db_ = nullptr;
+    std::unordered_map<std::string, std::unique_ptr<Statement>> cache_;
+    FaultPlan* fault_ = nullptr;
+    int statementsInTransaction_ = 0;
+};
+
+// Begins a transaction in its constructor and rolls it back in its destructor
+// unless commit() succeeded. The destructor never throws. After an SQLite error
+// inside the transaction it checks autocommit: SQLite may already have rolled back.
+class Transaction {
+  public:
+    enum class Mode { deferred, immediate };
+    Transaction(Connection& db, Mode mode, FaultPlan* fault = nullptr);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    // Commits; on failure rolls back and throws DatabaseError. Calling it twice
+    // is a no-op the second time.
+    void commit();
+
+  private:
+    Connection& db_;
+    bool open_ = true;
+};
+
+struct PoolOptions {
+    // The SQLCipher passphrase. Absent: the file is a plain SQLite database.
+    std::optional<std::string> key;
+    // Create the file when it does not exist.
+    bool create = false;
+    // How many reader connections read() may use at once.
+    int readerCount = 4;
+    std::chrono::milliseconds busyTimeout{5000};
+};
+
+// One database file: one writer connection (writes serialised, BEGIN IMMEDIATE)
+// and up to readerCount reader connections reading committed snapshots in WAL
+// mode, concurrently with the writer.
+//
+// open() fails with DatabaseError when the file cannot be opened, is not a
+// database, or the key is wrong; it then changes nothing in the file.
+class DatabasePool {
+  public:
+    static std::shared_ptr<DatabasePool> open(const std::filesystem::path& path,
+                                              PoolOptions options = {});
+    ~DatabasePool();
+    DatabasePool(const DatabasePool&) = delete;
+    DatabasePool& operator=(const DatabasePool&) = delete;
+
+    // Runs fn(connection) inside BEGIN IMMEDIATE ... COMMIT on the writer. Writes are
+    // serialised. Any exception rolls back and propagates.
+    template <typename F>
+    auto write(F&& fn) -> decltype(fn(std::declval<Connection&>())) {
+        std::unique_lock lock(writerMutex_);
+        Transaction tx(*writer_, Transaction::Mode::immediate, takeFault(true));
+        if constexpr (std::is_void_v<decltype(fn(*writer_))>) {
+            fn(*writer_);
+            tx.commit();
+        } else {
+            auto result = fn(*writer_);
+            tx.commit();
+            return result;
+        }
+    }
+
+    // Runs fn(connection) inside BEGIN ... COMMIT on a reader connection: it sees the
+    // database as last committed when its first statement runs.
+    template <typename F>
+    auto read(F&& fn) -> decltype(fn(std::declval<Connection&>())) {
+        ReaderLease reader(*this);
+        Transaction tx(reader.connection(), Transaction::Mode::deferred, takeFault(false));
+        if constexpr (std::is_void_v<decltype(fn(reader.connection()))>) {
+            fn(reader.connection());
+            tx.commit();
+        } else {
+            auto result = fn(reader.connection());
+            tx.commit();
+            return result;
+        }
+    }
+
+    // Runs a passive WAL checkpoint on the writer.
+    void checkpoint();
+
+    // Arms the fault seam: see FaultPlan.
+    void armFault(FaultPlan plan);
+    void disarmFault();
+    // True when the last armed fault fired.
+    [[nodiscard]] bool faultFired() const;
+
+    [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+    [[nodiscard]] bool encrypted() const noexcept { return keyed_; }
+
+  private:
+    DatabasePool(std::filesystem::path path, PoolOptions options);
+    std::unique_ptr<Connection> openConnection(bool writer);
+    void applyKey(Connection& db);
+    FaultPlan* takeFault(bool forWrite);
+
+    class ReaderLease {
+      public:
+        explicit ReaderLease(DatabasePool& pool);
+        ~ReaderLease();
+        Connection& connection() { return *connection_; }
+
+      private:
+        DatabasePool& pool_;
+        std::unique_ptr<Connection> connection_;
+    };
+
+    std::filesystem::path path_;
+    PoolOptions options_;
+    bool keyed_ = false;
+    // The key material the readers use: the passphrase, or once derived, the raw
+    // key with its salt, so that each reader skips the key derivation.
+    std::string readerKeyPragma_;
+
+    std::mutex writerMutex_;
+    std::unique_ptr<Connection> writer_;
+
+    std::mutex readersMutex_;
+    std::condition_variable readerAvailable_;
+    std::vector<std::unique_ptr<Connection>> idleReaders_;
+    int openReaders_ = 0;
+
+    mutable std::mutex faultMutex_;
+    std::unique_ptr<FaultPlan> armedFault_;
+    std::atomic<bool> faultArmed_ = false;
+};
+
+}  // namespace orvik::store

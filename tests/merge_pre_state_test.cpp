@@ -1,0 +1,167 @@
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "identity/IdentityModels.h"
+
+namespace orvik::identity {
+namespace {
+
+using Membership = MergePreState::MembershipRowImage;
+constexpr auto none = std::nullopt;
+
+MergePreState knownSnapshot() {
+    MergePreState s;
+    s.priorActiveMemberships = {{"m1", "si/1", "p1", "confirmed", none, "user", "t0"}};
+    s.priorClaimPersonID = {{"c2", "p2"}, {"c1", "p1"}};
+    s.writtenMembershipIDs = {"m2"};
+    s.membershipPreimages = {
+        {"m1", "si/1", "p1", "confirmed", "a\tb\x1f\"q\"\\\n\b\f\r", "user", "t0", none}};
+    s.membershipPostImages = {{"m1", "si/1", "p1", "confirmed", none, "user", "t0", "t1"}};
+    s.personPostImages = {{"p1", "Zoë 山田", "user_stated", none, none}};
+    s.createdSameConstraintID = "k1";
+    s.dispositionKeyImages = {{"p2|x", "p1|x", "p2", "p1"}};
+    return s;
+}
+
+std::string minimalWith(const std::string& extra) {
+    return R"({"priorActiveMemberships":[],"priorClaimPersonID":{},"writtenMembershipIDs":[])" +
+           extra + "}";
+}
+
+TEST(MergePreStateCodec, EncodesExactBytes) {
+    EXPECT_EQ(
+        encodeJSON(knownSnapshot()),
+        R"({"priorActiveMemberships":[{"id":"m1","sourceIdentityID":"si\/1","canonicalPersonID":"p1","state":"confirmed","decidedBy":"user","decidedAt":"t0"}],)"
+        R"("priorClaimPersonID":{"c1":"p1","c2":"p2"},"writtenMembershipIDs":["m2"],)"
+        R"("revokedDifferentConstraintIDs":[],"createdDifferentConstraintIDs":[],)"
+        R"("membershipPreimages":[{"id":"m1","sourceIdentityID":"si\/1","canonicalPersonID":"p1","state":"confirmed","because":"a\tb\u001f\"q\"\\\n\b\f\r","decidedBy":"user","decidedAt":"t0"}],)"
+        R"("membershipPostImages":[{"id":"m1","sourceIdentityID":"si\/1","canonicalPersonID":"p1","state":"confirmed","decidedBy":"user","decidedAt":"t0","endedAt":"t1"}],)"
+        R"("preExistingSurvivorClaimIDs":[],"personPreimages":[],)"
+        R"("personPostImages":[{"id":"p1","displayName":"Zoë 山田","tier":"user_stated"}],)"
+        R"("claimOwnershipImages":[],"createdSameConstraintID":"k1","captureAssociationImages":[],)"
+        R"("followUpOwnershipImages":[],"openLoopOwnershipImages":[],)"
+        R"("dispositionKeyImages":[{"oldCandidateKey":"p2|x","newCandidateKey":"p1|x","preimagePersonID":"p2","postimagePersonID":"p1"}]})");
+
+    EXPECT_EQ(
+        encodeJSON(MergePreState{}),
+        minimalWith(R"(,"revokedDifferentConstraintIDs":[],"createdDifferentConstraintIDs":[],)"
+                    R"("membershipPreimages":[],"membershipPostImages":[],)"
+                    R"("preExistingSurvivorClaimIDs":[],"personPreimages":[],)"
+                    R"("personPostImages":[],"claimOwnershipImages":[],)"
+                    R"("captureAssociationImages":[],"followUpOwnershipImages":[],)"
+                    R"("openLoopOwnershipImages":[],"dispositionKeyImages":[])"));
+}
+
+TEST(MergePreStateCodec, RoundTripsEveryField) {
+    MergePreState s = knownSnapshot();
+    s.revokedDifferentConstraintIDs = {"d1", "d2"};
+    s.createdDifferentConstraintIDs = {"d3"};
+    s.preExistingSurvivorClaimIDs = {"c9"};
+    s.personPreimages = {{"p2", none, "auto", "capture/1", "p1"}};
+    s.claimOwnershipImages = {{"c1", "p2", "p1"}};
+    s.captureAssociationImages = {{"o1", "p2", "p1", "ended", "t2"},
+                                  {"o2", "p2", "p1", none, none}};
+    s.followUpOwnershipImages = {{"f1", "p2", "p1"}};
+    s.openLoopOwnershipImages = {{"l1", "p2", "p1"}};
+    EXPECT_EQ(decodeMergePreState(encodeJSON(s)), s);
+
+    s.createdSameConstraintID.reset();
+    EXPECT_EQ(decodeMergePreState(encodeJSON(s)), s);
+}
+
+TEST(MergePreStateCodec, DecodesAnyKeyOrderNullsAndOlderSnapshots) {
+    MergePreState expected;
+    expected.writtenMembershipIDs = {"m/1"};
+    expected.priorClaimPersonID = {{"c1", "p1"}};
+    expected.membershipPreimages = {{"m1", "s1", "p1", "confirmed", none, "user", "t0", none}};
+    expected.personPostImages = {{"p1", none, "auto", none, none}};
+    EXPECT_EQ(
+        decodeMergePreState(
+            R"( {"future":{"x":[1,2]},"dispositionKeyImages":null,"createdSameConstraintID":null,)"
+            R"("personPostImages":[{"tier":"auto","mergedIntoPersonID":null,"id":"p1"}],)"
+            R"("membershipPreimages":[{"endedAt":null,"because":null,"decidedAt":"t0",)"
+            R"("decidedBy":"user","state":"confirmed","canonicalPersonID":"p1","sourceIdentityID":"s1",)"
+            R"("id":"m1"}],"writtenMembershipIDs":["m\/1"],"priorClaimPersonID":{"c1":"p1"},)"
+            R"("priorActiveMemberships":[]} )"),
+        expected);
+
+    // Snapshots from before the later keys existed carry only the first three.
+    EXPECT_EQ(decodeMergePreState(R"({"priorActiveMemberships":[],"priorClaimPersonID":{},)"
+                                  R"("writtenMembershipIDs":[]})"),
+              MergePreState{});
+}
+
+TEST(MergePreStateCodec, RejectsInvalidSnapshots) {
+    const std::string priorMembershipWithoutDecidedAt =
+        R"({"id":"m","sourceIdentityID":"s","canonicalPersonID":"p","state":"confirmed","decidedBy":"user"})";
+    const std::vector<std::string> cases = {
+        "",
+        "not json",
+        "[]",
+        minimalWith("") + " x",
+        R"({"priorActiveMemberships":null,"priorClaimPersonID":{},"writtenMembershipIDs":[]})",
+        R"({"priorActiveMemberships":[],"writtenMembershipIDs":[]})",
+        R"({"priorActiveMemberships":[],"priorClaimPersonID":{}})",
+        R"({"priorActiveMemberships":[],"priorClaimPersonID":{"c":1},"writtenMembershipIDs":[]})",
+        R"({"priorActiveMemberships":[],"priorClaimPersonID":[],"writtenMembershipIDs":[]})",
+        R"({"priorActiveMemberships":[],"priorClaimPersonID":{},"writtenMembershipIDs":["m",2]})",
+        minimalWith(R"(,"revokedDifferentConstraintIDs":"d1")"),
+        minimalWith(R"(,"createdSameConstraintID":5)"),
+        minimalWith(R"(,"claimOwnershipImages":["c1"])"),
+        minimalWith(R"(,"claimOwnershipImages":[{"id":"c1","preimagePersonID":"p2"}])"),
+        minimalWith(R"(,"personPostImages":[{"id":"p","tier":"auto","displayName":true}])"),
+        minimalWith(R"(,"dispositionKeyImages":[null])"),
+        R"({"priorActiveMemberships":[)" + priorMembershipWithoutDecidedAt +
+            R"(],"priorClaimPersonID":{},"writtenMembershipIDs":[]})",
+        minimalWith(",\"createdSameConstraintID\":\"\xC3\""),
+    };
+    for (const std::string& text : cases) {
+        EXPECT_EQ(decodeMergePreState(text), std::nullopt) << text;
+    }
+}
+
+TEST(MergePreStateCodec, EncodeAcceptsOnlyWellFormedUtf8) {
+    const std::vector<std::string> valid = {"\xC2\x80",         "\xE0\xA0\x80",     "\xEF\xBF\xBF",
+                                            "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF", "\x7F"};
+    for (const std::string& text : valid) {
+        MergePreState s;
+        s.writtenMembershipIDs = {text};
+        EXPECT_EQ(decodeMergePreState(encodeJSON(s)), s) << text;
+    }
+
+    // Each bad text is placed in a plain list, a map key and a nested optional field.
+    const std::vector<std::string> invalid = {"\xC3",         "a\xC3(",       "\xC0\xAF",
+                                              "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                                              "\xF8\x88\x80", "\xFF",         "\x80"};
+    for (const std::string& text : invalid) {
+        MergePreState inList, inKey, inOptional;
+        inList.writtenMembershipIDs = {text};
+        inKey.priorClaimPersonID = {{text, "p"}};
+        inOptional.membershipPostImages = {{"m", "s", "p", "confirmed", none, "user", "t", text}};
+        for (const MergePreState* s : {&inList, &inKey, &inOptional}) {
+            try {
+                (void)encodeJSON(*s);
+                ADD_FAILURE() << "no error for " << testing::PrintToString(text);
+            } catch (const IdentityStoreError& error) {
+                EXPECT_EQ(error.errorCase(), IdentityStoreError::Case::corruptRestoreMap);
+            }
+        }
+    }
+}
+
+TEST(MergePreStateCodec, AffectedIdentitiesAreUniqueAndSortedByBytes) {
+    const auto image = [](std::string identity) {
+        return Membership{"m", std::move(identity), "p", "confirmed", none, "user", "t", none};
+    };
+    MergePreState s;
+    EXPECT_TRUE(affectedIdentityIDs(s).empty());
+    s.membershipPostImages = {image("s\xC3\xA9"), image("sb"), image("sA")};
+    s.membershipPreimages = {image("sb"), image("sa"), image("s\xC3\xA9")};
+    EXPECT_EQ(affectedIdentityIDs(s), (std::vector<std::string>{"sA", "sa", "sb", "s\xC3\xA9"}));
+}
+
+}  // namespace
+}  // namespace orvik::identity

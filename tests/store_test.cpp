@@ -1,0 +1,232 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <fstream>
+#include <thread>
+
+#include "store/Database.h"
+#include "tests/support/TestSupport.h"
+
+namespace orvik::store {
+namespace {
+
+using test::TempDir;
+
+std::shared_ptr<DatabasePool> openFresh(const std::filesystem::path& path,
+                                        std::optional<std::string> key) {
+    PoolOptions options;
+    options.create = true;
+    options.key = std::move(key);
+    auto pool = DatabasePool::open(path, options);
+    pool->write([](Connection& db) { db.executeScript("CREATE TABLE t (k TEXT, v TEXT)"); });
+    return pool;
+}
+
+std::int64_t countRows(DatabasePool& pool) {
+    return pool.read([](Connection& db) { return *db.scalarInteger("SELECT count(*) FROM t"); });
+}
+
+class PoolTest : public ::testing::TestWithParam<bool> {
+  protected:
+    [[nodiscard]] std::optional<std::string> key() const {
+        return GetParam() ? std::optional<std::string>("s3cret") : std::nullopt;
+    }
+    TempDir dir_;
+    std::filesystem::path path_ = dir_.path() / "pool.db";
+};
+
+TEST_P(PoolTest, TransactionsCommitOnReturnAndRollBackOnAnyException) {
+    auto pool = openFresh(path_, key());
+    pool->write([](Connection& db) { db.run("INSERT INTO t VALUES (?, ?)", {"a", "1"}); });
+    EXPECT_THROW(pool->write([](Connection& db) {
+        db.run("INSERT INTO t VALUES (?, ?)", {"b", "2"});
+        throw std::runtime_error("caller failed");
+    }),
+                 std::runtime_error);
+    // An SQLite error in the middle of a transaction rolls back the earlier writes.
+    EXPECT_THROW(pool->write([](Connection& db) {
+        db.run("INSERT INTO t VALUES (?, ?)", {"c", "3"});
+        db.run("INSERT INTO missing_table VALUES (1)");
+    }),
+                 DatabaseError);
+    EXPECT_EQ(countRows(*pool), 1);
+    // The connection is usable afterwards, outside any stale transaction.
+    pool->write([](Connection& db) { db.run("INSERT INTO t VALUES (?, ?)", {"d", "4"}); });
+    EXPECT_EQ(countRows(*pool), 2);
+}
+
+TEST_P(PoolTest, ReadersSeeCommittedStateWhileAWriteIsOpen) {
+    auto pool = openFresh(path_, key());
+    pool->write([](Connection& db) { db.run("INSERT INTO t VALUES ('a', '1')"); });
+    std::int64_t seenDuringWrite = -1;
+    pool->write([&](Connection& db) {
+        db.run("INSERT INTO t VALUES ('b', '2')");
+        // Another thread reads while this write transaction is still open.
+        std::thread reader([&] { seenDuringWrite = countRows(*pool); });
+        reader.join();
+    });
+    EXPECT_EQ(seenDuringWrite, 1);
+    EXPECT_EQ(countRows(*pool), 2);
+}
+
+TEST_P(PoolTest, ReopeningReadsWhatWasWritten) {
+    {
+        auto pool = openFresh(path_, key());
+        pool->write([](Connection& db) { db.run("INSERT INTO t VALUES ('a', '1')"); });
+    }
+    PoolOptions options;
+    options.key = key();
+    auto pool = DatabasePool::open(path_, options);
+    EXPECT_EQ(countRows(*pool), 1);
+    // Several readers at once, each on its own connection.
+    std::vector<std::thread> readers;
+    std::atomic<int> ok = 0;
+    for (int i = 0; i < 6; ++i) {
+        readers.emplace_back([&] { ok += countRows(*pool) == 1 ? 1 : 0; });
+    }
+    for (auto& t : readers) {
+        t.join();
+    }
+    EXPECT_EQ(ok, 6);
+}
+
+INSTANTIATE_TEST_SUITE_P(EncryptedAndPlain, PoolTest,
+#ifdef ORVIK_HAS_SQLCIPHER
+                         ::testing::Values(true, false),
+#else
+                         ::testing::Values(false),
+#endif
+                         [](const auto& info) { return info.param ? "Encrypted" : "Plain"; });
+
+#ifdef ORVIK_HAS_SQLCIPHER
+TEST(PoolOpening, WrongKeyOrPlainFileFailsClearlyAndChangesNothing) {
+    TempDir dir;
+    const auto encrypted = dir.path() / "enc.db";
+    openFresh(encrypted, "right")->write([](Connection& db) {
+        db.run("INSERT INTO t VALUES ('a', '1')");
+    });
+    const auto sizeBefore = std::filesystem::file_size(encrypted);
+
+    for (const std::optional<std::string>& key :
+         {std::optional<std::string>("wrong"), std::optional<std::string>()}) {
+        PoolOptions options;
+        options.key = key;
+        try {
+            DatabasePool::open(encrypted, options);
+            FAIL() << "opening with a wrong key succeeded";
+        } catch (const DatabaseError& error) {
+            EXPECT_EQ(error.primaryCode(), SQLITE_NOTADB);
+            EXPECT_NE(std::string(error.what()).find("not a database"), std::string::npos);
+        }
+    }
+    EXPECT_EQ(std::filesystem::file_size(encrypted), sizeBefore);
+    PoolOptions right;
+    right.key = "right";
+    EXPECT_EQ(countRows(*DatabasePool::open(encrypted, right)), 1);
+}
+#endif
+
+TEST(PoolOpening, MissingFileOrGarbageIsRefused) {
+    TempDir dir;
+    EXPECT_THROW(DatabasePool::open(dir.path() / "absent.db"), DatabaseError);
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / "absent.db"));
+
+    const auto garbage = dir.path() / "garbage.db";
+    {
+        std::ofstream out(garbage, std::ios::binary);
+        out << std::string(4096, 'x');
+    }
+    try {
+        DatabasePool::open(garbage);
+        FAIL() << "a text file opened as a database";
+    } catch (const DatabaseError& error) {
+        EXPECT_EQ(error.primaryCode(), SQLITE_NOTADB);
+    }
+    EXPECT_EQ(std::filesystem::file_size(garbage), 4096u);
+}
+
+TEST(Statements, BindingListsNullsAndReadingByName) {
+    TempDir dir;
+    auto pool = openFresh(dir.path() / "s.db", std::nullopt);
+    pool->write([](Connection& db) {
+        for (const char* k : {"a", "b", "c", "d"}) {
+            db.run("INSERT INTO t VALUES (?, ?)", {k, nullptr});
+        }
+        const std::vector<std::string> wanted{"a", "c", "zz"};
+        std::vector<std::string> got;
+        db.query("SELECT v, k FROM t WHERE k IN (" + placeholders(wanted.size()) +
+                     ") AND v IS ? ORDER BY k",
+                 Params{wanted, nullptr}, [&](const Row& row) {
+                     EXPECT_FALSE(row.optionalText("v").has_value());
+                     got.push_back(row.text("k"));
+                 });
+        EXPECT_EQ(got, (std::vector<std::string>{"a", "c"}));
+        EXPECT_EQ(db.run("UPDATE t SET v = ? WHERE k IN (?, ?)", {"x", "a", "b"}), 2);
+        EXPECT_EQ(db.changes(), 2);
+        // A wrong number of parameters and an unknown column are errors, not silence.
+        EXPECT_THROW(db.run("UPDATE t SET v = ? WHERE k = ?", {"x"}), DatabaseError);
+        EXPECT_THROW(
+            db.query("SELECT k FROM t", {}, [](const Row& row) { (void)row.text("nope"); }),
+            DatabaseError);
+    });
+}
+
+TEST(Statements, PreparedOnceAndSafeToReenterFromARowCallback) {
+    TempDir dir;
+    auto pool = openFresh(dir.path() / "s.db", std::nullopt);
+    pool->write([](Connection& db) {
+        const std::string insert = "INSERT INTO t VALUES (?, ?)";
+        db.run(insert, {"a", "1"});
+        db.run(insert, {"b", "2"});
+        const auto cached = db.cachedStatementCount();
+        db.run(insert, {"c", "3"});
+        EXPECT_EQ(db.cachedStatementCount(), cached);
+
+        // The same statement used again while its first run is still stepping.
+        const std::string select = "SELECT k FROM t WHERE k >= ? ORDER BY k";
+        std::vector<std::string> pairs;
+        db.query(select, {"a"}, [&](const Row& outer) {
+            db.query(select, {outer.text("k")},
+                     [&](const Row& inner) { pairs.push_back(outer.text("k") + inner.text("k")); });
+        });
+        EXPECT_EQ(pairs, (std::vector<std::string>{"aa", "ab", "ac", "bb", "bc", "cc"}));
+    });
+}
+
+TEST(FaultSeam, FailsTheNthStatementOnceAndRollsBack) {
+    TempDir dir;
+    auto pool = openFresh(dir.path() / "f.db", std::nullopt);
+    auto threeInserts = [&] {
+        pool->write([](Connection& db) {
+            db.run("INSERT INTO t VALUES ('1', NULL)");
+            db.run("INSERT INTO t VALUES ('2', NULL)");
+            db.run("INSERT INTO t VALUES ('3', NULL)");
+        });
+    };
+    pool->armFault(FaultPlan{
+        .failAtStatement = 3, .code = SQLITE_IOERR_WRITE, .writesOnly = true, .fired = false});
+    // Reads are not counted by a write-only fault.
+    EXPECT_EQ(countRows(*pool), 0);
+    try {
+        threeInserts();
+        FAIL() << "the fault did not fire";
+    } catch (const DatabaseError& error) {
+        EXPECT_EQ(error.code(), SQLITE_IOERR_WRITE);
+        EXPECT_EQ(error.statement(), "INSERT INTO t VALUES ('3', NULL)");
+    }
+    EXPECT_TRUE(pool->faultFired());
+    EXPECT_EQ(countRows(*pool), 0);
+    // Fired once: the next transaction runs normally.
+    threeInserts();
+    EXPECT_EQ(countRows(*pool), 3);
+
+    // A fault beyond the transaction's length never fires and stays armed.
+    pool->armFault(
+        FaultPlan{.failAtStatement = 10, .code = SQLITE_IOERR, .writesOnly = true, .fired = false});
+    threeInserts();
+    EXPECT_FALSE(pool->faultFired());
+    pool->disarmFault();
+}
+
+}  // namespace
+}  // namespace orvik::store

@@ -1,0 +1,130 @@
+#include "tests/support/TestSupport.h"
+
+#include <algorithm>
+#include <random>
+
+#include "host/HostServices.h"
+
+namespace orvik::test {
+
+TempDir::TempDir() {
+    std::random_device rd;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        auto candidate = std::filesystem::temp_directory_path() /
+                         ("orvik-test-" + std::to_string(rd()) + std::to_string(rd()));
+        if (std::filesystem::create_directory(candidate)) {
+            path_ = candidate;
+            return;
+        }
+    }
+    throw std::runtime_error("cannot create a temporary directory");
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+TestDatabase::TestDatabase(bool encrypted) : encrypted_(encrypted) {
+    store::PoolOptions options;
+    options.create = true;
+    if (encrypted) {
+        options.key = kTestKey;
+    }
+    pool_ = store::DatabasePool::open(path(), options);
+    pool_->write([](store::Connection& db) { host::createReferenceSchema(db); });
+}
+
+std::string sql(const std::optional<std::string>& value) {
+    if (!value) {
+        return "NULL";
+    }
+    std::string out = "'";
+    for (char c : *value) {
+        out += c == '\'' ? std::string("''") : std::string(1, c);
+    }
+    return out + "'";
+}
+
+void TestDatabase::addPerson(const std::string& id, const std::optional<std::string>& mergedInto,
+                             const std::optional<std::string>& displayName,
+                             const std::string& createdFrom) {
+    exec(
+        "INSERT INTO person (id, display_name, tier, created_from, merged_into_person_id, "
+        "created_at) VALUES (" +
+        sql(id) + ", " + sql(displayName) + ", 'stub', " + sql(createdFrom) + ", " +
+        sql(mergedInto) + ", '2020-01-01T00:00:00Z')");
+}
+
+void TestDatabase::addIdentity(const std::string& id, const std::string& sourceType,
+                               const std::string& handle,
+                               const std::optional<std::string>& displayName) {
+    exec(
+        "INSERT INTO source_identity (id, source_type, handle_normalized, display_name, "
+        "first_seen_at, last_seen_at, created_at) VALUES (" +
+        sql(id) + ", " + sql(sourceType) + ", " + sql(handle) + ", " + sql(displayName) +
+        ", '2020-01-01T00:00:00Z', '2020-01-02T00:00:00Z', '2020-01-01T00:00:00Z')");
+}
+
+void TestDatabase::addMembership(const std::string& id, const std::string& identityID,
+                                 const std::string& personID, const std::string& state,
+                                 const std::optional<std::string>& endedAt,
+                                 const std::string& decidedBy,
+                                 const std::optional<std::string>& because) {
+    exec(
+        "INSERT INTO identity_membership (id, source_identity_id, canonical_person_id, state, "
+        "because, decided_by, decided_at, ended_at, created_at) VALUES (" +
+        sql(id) + ", " + sql(identityID) + ", " + sql(personID) + ", " + sql(state) + ", " +
+        sql(because) + ", " + sql(decidedBy) + ", '2020-01-01T00:00:00Z', " + sql(endedAt) +
+        ", '2020-01-01T00:00:00Z')");
+}
+
+void TestDatabase::addDifferent(const std::string& id, const std::string& aType,
+                                const std::string& aID, const std::string& bType,
+                                const std::string& bID, const std::optional<std::string>& revokedAt,
+                                const std::string& decidedBy) {
+    exec(
+        "INSERT INTO identity_constraint (id, a_type, a_id, b_type, b_id, kind, decided_by, "
+        "created_at, revoked_at) VALUES (" +
+        sql(id) + ", " + sql(aType) + ", " + sql(aID) + ", " + sql(bType) + ", " + sql(bID) +
+        ", 'different', " + sql(decidedBy) + ", '2020-01-01T00:00:00Z', " + sql(revokedAt) + ")");
+}
+
+void TestDatabase::exec(const std::string& sql) {
+    pool_->write([&](store::Connection& db) { db.executeScript(sql); });
+}
+
+std::string TestDatabase::dump(const std::vector<std::string>& tables) {
+    return pool_->read([&](store::Connection& db) {
+        std::vector<std::string> names = tables;
+        if (names.empty()) {
+            db.query("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name", {},
+                     [&](const store::Row& row) { names.push_back(row.text(0)); });
+        }
+        std::sort(names.begin(), names.end());
+        std::string out;
+        for (const auto& table : names) {
+            std::vector<std::string> rows;
+            db.query("SELECT * FROM " + table, {}, [&](const store::Row& row) {
+                std::vector<std::pair<std::string, std::string>> cells;
+                for (int i = 0; i < row.columnCount(); ++i) {
+                    cells.emplace_back(row.columnName(i),
+                                       row.isNull(i) ? "NULL" : "'" + row.text(i) + "'");
+                }
+                std::sort(cells.begin(), cells.end());
+                std::string line = table + "(";
+                for (std::size_t i = 0; i < cells.size(); ++i) {
+                    line += (i ? "," : "") + cells[i].first + "=" + cells[i].second;
+                }
+                rows.push_back(line + ")");
+            });
+            std::sort(rows.begin(), rows.end());
+            for (const auto& line : rows) {
+                out += line + "\n";
+            }
+        }
+        return out;
+    });
+}
+
+}  // namespace orvik::test
