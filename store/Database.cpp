@@ -19,6 +19,7 @@ std::string describe(int code, const std::string& message, const std::string& st
     return text;
 }
 
+#ifdef ORVIK_HAS_SQLCIPHER
 std::string hex(const unsigned char* bytes, std::size_t n) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string out;
@@ -29,6 +30,7 @@ std::string hex(const unsigned char* bytes, std::size_t n) {
     }
     return out;
 }
+#endif
 
 // Quotes a text as an SQL string literal.
 std::string sqlLiteral(const std::string& text) {
@@ -398,6 +400,7 @@ void Transaction::commit() {
 
 namespace {
 
+#ifdef ORVIK_HAS_SQLCIPHER
 constexpr int kSaltLength = 16;
 constexpr int kKeyLength = 32;
 // SQLCipher 3's default key derivation: PBKDF2-HMAC-SHA1, 64000 iterations.
@@ -411,6 +414,7 @@ std::optional<std::array<unsigned char, kSaltLength>> readSalt(const std::filesy
     }
     return salt;
 }
+#endif
 
 }  // namespace
 
