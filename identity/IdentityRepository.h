@@ -59,12 +59,45 @@ class IdentityRepository {
     // with the state, decider and reason of the identity's own membership.
     std::optional<ResolvedPerson> resolveCanonicalPerson(const std::string& sourceIdentityID);
 
-  private:
+      // --- Corrections. Each runs in one write transaction; an error rolls back
+    // everything, including stub persons and revoked constraints, and emits no
+    // witness event.
+
+    // Links an identity to a person for a programmatic caller. Refusals (missing
+    // identity or person, a blocking constraint, an unconfirmed request, a failed
+    // post-condition) are responses. No witness event.
+    schema::LinkIdentityResponse linkIdentity(const schema::LinkIdentityRequest& request);
+    // Absorbs request.personIDB into request.personIDA. Refusals are responses. No
+    // witness event.
+    schema::ProposeMergeResponse proposeMerge(const schema::ProposeMergeRequest& request);
+    // Declares two persons different, first undoing the merge that joins them when
+    // they are one person at present. Refusals are responses; a witness event only
+    // when a constraint was written.
+    schema::MarkDifferentResponse markDifferent(const schema::MarkDifferentRequest& request);
+    // Puts the candidate's two identities under one person: a new stub person, a
+    // link into the other's person, nothing, or a merge (A's person survives).
+    IdentityConfirmResult confirmCandidate(const IdentityCandidate& candidate,
+                                           SubjectLineage subjectLineage,
+                                           const std::string& subjectID);
+    // Records that the candidate's identities are different: between their persons
+    // when they have two, else between the identities.
+    void rejectCandidate(const IdentityCandidate& candidate, SubjectLineage subjectLineage,
+                         const std::string& subjectID);
+
+    // --- Undo.
+
+    // Undoes the events, in the given order, all or nothing; then writes the
+    // no-reabsorption guard. An empty list changes nothing.
+    std::vector<UndoMergeResult> undoConfirmation(const std::vector<std::string>& mergeEventIDs);
+    // undoConfirmation of one event.
+    UndoMergeResult undoMerge(const std::string& mergeEventID);
+
+private:
     // Runs fn(core, connection) in a read transaction, serialised with every other
     // operation of this repository.
     template <typename F>
     auto readOperation(F&& fn);
-    // Runs fn(core, connection) in a write transaction, serialised likewise.
+    // Runs fn(core, connection) in a write transaction; the caller holds its turn.
     template <typename F>
     auto writeOperation(F&& fn);
     // Calls the sink after a commit.

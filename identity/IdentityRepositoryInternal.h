@@ -6,7 +6,10 @@
 // store::DatabaseError; row decoding throws IdentityStoreError::corruptRestoreMap.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,6 +27,20 @@ namespace orvik::identity::internal {
 // Reads and parses decided_by before the other columns.
 [[nodiscard]] MergeEventRow decodeMergeEvent(const store::Row& row);
 [[nodiscard]] IdentityConstraintRow decodeConstraint(const store::Row& row);
+
+// "<n> shared thread(s)" for n >= 1, else "user confirmed".
+[[nodiscard]] std::string sharedThreadBecause(std::int64_t sharedThreads);
+// Distinct threads in which both identities take part.
+[[nodiscard]] std::int64_t countSharedThreads(const std::string& a, const std::string& b,
+                                              store::Connection& db);
+// An active membership as the snapshot records it (state and decider as texts).
+[[nodiscard]] MergePreState::PriorMembership priorMembership(const IdentityMembershipRow& row);
+// Ends the identity's active memberships to other persons, then confirms its open
+// membership to the person (upgrading it in place) or inserts one. Returns the
+// membership written.
+std::string confirmMembershipTo(const std::string& sourceIdentityID, const std::string& personID,
+                                const std::string& because, const std::string& now,
+                                store::Connection& db);
 
 // The maximum number of merged_into_person_id hops followed from a person.
 inline constexpr int kAbsorptionChainHops = 20;
@@ -117,7 +134,90 @@ class RepositoryCore {
         const std::optional<std::string>& personA, const std::optional<std::string>& personB,
         const std::string& revokedAt, store::Connection& db);
 
-  private:
+      // --- Identity link ---------------------------------------------------------------
+
+    // Links one identity to one person. Refusals are responses; nothing is written
+    // before a refusal except in the post-condition case. Throws
+    // ownerIdentityUnmergeable and supersededByLaterCorrection. The caller's
+    // additionally revoked constraints lead the snapshot's revoked list.
+    schema::LinkIdentityResponse linkIdentityCore(
+        const schema::LinkIdentityRequest& request, const std::string& operationID,
+        const std::vector<std::string>& additionalRevokedConstraintIDs, store::Connection& db);
+    // "same contact key", "<n> shared thread(s)" or "user confirmed".
+    std::string computeLinkBecause(const std::string& sourceIdentityID, const std::string& personID,
+                                   store::Connection& db);
+    // Every membership row (active or ended) of the identities, in id order.
+    std::vector<MergePreState::MembershipRowImage> membershipRowImages(
+        const std::vector<std::string>& sourceIdentityIDs, store::Connection& db);
+
+    // --- Person merge -----------------------------------------------------------------
+
+    // Absorbs personIDB into personIDA. Refusals are responses. Throws
+    // ownerIdentityUnmergeable, corruptRestoreMap (snapshot encoding) and the
+    // errors of the follow-up scheduler.
+    schema::ProposeMergeResponse proposeMergeCore(
+        const schema::ProposeMergeRequest& request, const std::string& operationID,
+        const std::vector<std::string>& additionalRevokedConstraintIDs, store::Connection& db);
+    std::string computeMergeBecause(const std::string& personA, const std::string& personB,
+                                    store::Connection& db);
+    // The person rows with those ids, in id order; missing persons are left out.
+    std::vector<MergePreState::PersonRowImage> personRowImages(const std::vector<std::string>& ids,
+                                                               store::Connection& db);
+
+    // --- Repointing of rows other modules keep per person --------------------------
+
+    std::vector<MergePreState::CaptureAssociationImage> repointCaptureAssociations(
+        const std::string& from, const std::string& to, store::Connection& db);
+
+    struct FollowUpRepointing {
+        std::vector<MergePreState::ClaimOwnershipImage> followUps;
+        std::vector<MergePreState::ClaimOwnershipImage> openLoops;
+        std::vector<MergePreState::DispositionKeyImage> dispositionKeys;
+    };
+    FollowUpRepointing repointFollowUpsAndOpenLoops(const std::string& from, const std::string& to,
+                                                    store::Connection& db);
+
+    // --- Undo -------------------------------------------------------------------------
+
+    // Reverses one link, merge or separation event from its snapshot. Verifies
+    // every post-image before writing anything. Throws notFound(id),
+    // alreadyReversed, corruptRestoreMap, restoreSnapshotIncomplete and
+    // supersededByLaterCorrection.
+    UndoMergeResult undoMerge(const std::string& mergeEventID, const std::string& decidedAt,
+                              store::Connection& db);
+    // Undoes the events in the given order, then applies the no-reabsorption guard.
+    std::vector<UndoMergeResult> undoConfirmationCore(const std::vector<std::string>& mergeEventIDs,
+                                                      store::Connection& db);
+    void applyNoReabsorptionGuard(const std::set<std::string>& affectedIdentityIDs,
+                                  const std::map<std::string, std::string>& preBatchPersonIDByIdentity,
+                                  const std::string& decidedAt, store::Connection& db);
+    // The person automatic ingestion creates for a lone identity:
+    // stableID("person-auto", "email" or "phone", handle).
+    static std::string automaticPersonID(const SourceIdentityRow& identity);
+
+    // --- Mark different ------------------------------------------------------------------
+
+    // Refusals are responses. When the two persons are one at present, first undoes
+    // the merge that joined them (its errors propagate).
+    schema::MarkDifferentResponse markDifferentCore(const schema::MarkDifferentRequest& request,
+                                                    store::Connection& db);
+    // The newest unreversed merge event between the two persons, either direction.
+    std::optional<std::string> connectingMergeEvent(const std::string& personA,
+                                                    const std::string& personB,
+                                                    store::Connection& db);
+
+    // --- Candidate confirmation and rejection ----------------------------------------
+
+    IdentityConfirmResult confirmCandidateCore(
+        const IdentityCandidate& candidate, const std::string& operationID,
+        SubjectLineage subjectLineage, const std::string& subjectID,
+        const std::vector<std::string>& additionalRevokedConstraintIDs, store::Connection& db);
+    void rejectCandidateWrite(const IdentityCandidate& candidate, SubjectLineage subjectLineage,
+                              const std::string& subjectID, store::Connection& db);
+    // Persons absorbed by the operation's events; -1 when the count fails.
+    std::int64_t absorbedPersonCount(const std::string& operationID, store::Connection& db) noexcept;
+
+private:
     host::HostServices services_;
 };
 
