@@ -24,6 +24,43 @@ struct Operation {
     Json (*handler)(IdentityRepository& repository, const FieldReader& args);
 };
 
+// The arguments shared by confirmCandidate and rejectCandidate, all read before the
+// repository is called.
+struct CandidateDecision {
+    explicit CandidateDecision(const FieldReader& args)
+        : candidate(args.get("candidate", candidateFromJson)),
+          subjectLineage(args.get("subjectLineage", subjectLineageFromJson)),
+          subjectID(args.text("subjectID")) {}
+
+    identity::IdentityCandidate candidate;
+    schema::SubjectLineage subjectLineage;
+    std::string subjectID;
+};
+
+// confirmManualLink takes either two identity rows or a list of targets.
+Json confirmManualLink(IdentityRepository& repository, const FieldReader& args) {
+    const bool hasTargets = args.find("targets") != nullptr;
+    const bool hasPair = args.find("a") != nullptr || args.find("b") != nullptr;
+    if (hasTargets && hasPair) {
+        throw BadRequest(args.path() + " must have either targets or a and b, not both");
+    }
+    if (!hasTargets && !hasPair) {
+        throw BadRequest("missing " + args.pathOf("targets") + " (or " + args.pathOf("a") +
+                         " and " + args.pathOf("b") + ")");
+    }
+    if (hasTargets) {
+        const auto targets = args.list("targets", manualLinkTargetFromJson);
+        const auto lineage = args.get("subjectLineage", subjectLineageFromJson);
+        const auto subjectID = args.text("subjectID");
+        return toJson(repository.confirmManualLink(targets, lineage, subjectID));
+    }
+    const auto a = args.get("a", sourceIdentityFromJson);
+    const auto b = args.get("b", sourceIdentityFromJson);
+    const auto lineage = args.get("subjectLineage", subjectLineageFromJson);
+    const auto subjectID = args.text("subjectID");
+    return toJson(repository.confirmManualLink(a, b, lineage, subjectID));
+}
+
 // The one place where operations are made available: give the entry its handler.
 constexpr std::array kOperations{
     // Reads.
@@ -57,28 +94,113 @@ constexpr std::array kOperations{
               }},
 
     // Corrections and undo.
-    Operation{"linkIdentity", nullptr},
-    Operation{"proposeMerge", nullptr},
-    Operation{"markDifferent", nullptr},
-    Operation{"confirmCandidate", nullptr},
-    Operation{"rejectCandidate", nullptr},
-    Operation{"confirmManualLink", nullptr},
-    Operation{"batchConfirmManualLink", nullptr},
-    Operation{"predictManualLinkSurvivor", nullptr},
-    Operation{"separateIdentity", nullptr},
-    Operation{"undoMerge", nullptr},
-    Operation{"undoConfirmation", nullptr},
-    Operation{"declareOwnerAlias", nullptr},
-    Operation{"batchDeclareOwnerAlias", nullptr},
-    Operation{"undoOwnerAliasMutation", nullptr},
+    Operation{"linkIdentity",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(
+                      repository.linkIdentity(args.get("request", linkIdentityRequestFromJson)));
+              }},
+    Operation{"proposeMerge",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(
+                      repository.proposeMerge(args.get("request", proposeMergeRequestFromJson)));
+              }},
+    Operation{"markDifferent",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(
+                      repository.markDifferent(args.get("request", markDifferentRequestFromJson)));
+              }},
+    Operation{"confirmCandidate",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const CandidateDecision decision(args);
+                  return toJson(repository.confirmCandidate(
+                      decision.candidate, decision.subjectLineage, decision.subjectID));
+              }},
+    Operation{"rejectCandidate",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const CandidateDecision decision(args);
+                  repository.rejectCandidate(decision.candidate, decision.subjectLineage,
+                                             decision.subjectID);
+                  return Json(nullptr);
+              }},
+    Operation{"confirmManualLink", confirmManualLink},
+    Operation{"batchConfirmManualLink",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const auto rows = args.list("rows", sourceIdentityFromJson);
+                  const auto lineage = args.get("subjectLineage", subjectLineageFromJson);
+                  const auto subjectID = args.text("subjectID");
+                  return toJson(repository.batchConfirmManualLink(rows, lineage, subjectID));
+              }},
+    Operation{"predictManualLinkSurvivor",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(repository.predictManualLinkSurvivor(
+                      args.list("targets", manualLinkTargetFromJson)));
+              }},
+    Operation{"separateIdentity",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const auto sourceIdentityID = args.text("sourceIdentityID");
+                  const auto subjectID = args.text("subjectID");
+                  return toJson(repository.separateIdentity(sourceIdentityID, subjectID));
+              }},
+    Operation{"undoMerge",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(repository.undoMerge(args.text("mergeEventID")));
+              }},
+    Operation{"undoConfirmation",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(repository.undoConfirmation(args.texts("mergeEventIDs")));
+              }},
+    Operation{"declareOwnerAlias",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const auto sourceIdentityID = args.text("sourceIdentityID");
+                  const auto subjectID = args.text("subjectID");
+                  return toJson(repository.declareOwnerAlias(sourceIdentityID, subjectID));
+              }},
+    Operation{"batchDeclareOwnerAlias",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const auto sourceIdentityIDs = args.texts("sourceIdentityIDs");
+                  const auto subjectID = args.text("subjectID");
+                  return toJson(repository.batchDeclareOwnerAlias(sourceIdentityIDs, subjectID));
+              }},
+    Operation{"undoOwnerAliasMutation",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  repository.undoOwnerAliasMutation(
+                      args.get("mutation", ownerAliasMutationFromJson));
+                  return Json(nullptr);
+              }},
 
     // Searches, candidates, history, counts.
-    Operation{"searchSourceIdentities", nullptr},
-    Operation{"searchUserStatedPeople", nullptr},
-    Operation{"exactKeyCandidates", nullptr},
-    Operation{"candidateContext", nullptr},
-    Operation{"identityHistory", nullptr},
-    Operation{"identityCorrectionsReadback", nullptr},
+    Operation{"searchSourceIdentities",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const auto query = args.text("query");
+                  const auto limit = args.integer("limit");
+                  const auto excluding = args.texts("excludingSourceIdentityIDs");
+                  return toJson(repository.searchSourceIdentities(query, limit, excluding));
+              }},
+    Operation{"searchUserStatedPeople",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const auto query = args.text("query");
+                  const auto limit = args.integer("limit");
+                  const auto excluding = args.texts("excludingPersonIDs");
+                  return toJson(repository.searchUserStatedPeople(query, limit, excluding));
+              }},
+    Operation{"exactKeyCandidates",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(repository.exactKeyCandidates(args.integer("limit")));
+              }},
+    Operation{"candidateContext",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  const auto sourceIdentityID = args.text("for");
+                  const auto relativeTo = args.texts("relativeTo");
+                  return toJson(repository.candidateContext(sourceIdentityID, relativeTo));
+              }},
+    Operation{"identityHistory",
+              [](IdentityRepository& repository, const FieldReader& args) {
+                  return toJson(repository.identityHistory(args.text("personID")));
+              }},
+    Operation{"identityCorrectionsReadback",
+              [](IdentityRepository& repository, const FieldReader& /*args*/) {
+                  return toJson(repository.identityCorrectionsReadback());
+              }},
 };
 
 const Operation* findOperation(std::string_view name) {

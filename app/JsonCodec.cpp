@@ -149,6 +149,10 @@ Json toJson(schema::Taxonomy taxonomy) {
     return Json(schema::ordinal(taxonomy));
 }
 
+Json toJson(identity::IdentityHistoryEntry::Kind kind) {
+    return Json(identity::rawValue(kind));
+}
+
 schema::SubjectLineage subjectLineageFromJson(const Json& value, const std::string& path) {
     const std::string text = textValue(value, path);
     if (auto lineage = schema::parseSubjectLineage(text)) {
@@ -267,6 +271,84 @@ Json toJson(const identity::ManualLinkTarget& target) {
     return out;
 }
 
+Json toJson(const identity::ManualLinkSurvivorPrediction& prediction) {
+    Json out = Json::object();
+    out["targets"] = toJson(prediction.targets);
+    out["personID"] = prediction.personID;
+    out["survivorTargets"] = toJson(prediction.survivorTargets);
+    return out;
+}
+
+Json toJson(const identity::IdentityCandidateContext& context) {
+    Json out = Json::object();
+    out["sourceIdentityID"] = context.sourceIdentityID;
+    out["provider"] = context.provider;
+    out["displayName"] = toJson(context.displayName);
+    out["conversationCount"] = context.conversationCount;
+    out["lastSeenAt"] = context.lastSeenAt;
+    out["sharedThreadCount"] = context.sharedThreadCount;
+    out["exactHandleMatch"] = context.exactHandleMatch;
+    return out;
+}
+
+Json toJson(const identity::IdentityHistoryEntry& entry) {
+    Json out = Json::object();
+    out["mergeEventID"] = entry.mergeEventID;
+    out["kind"] = toJson(entry.kind);
+    out["occurredAt"] = entry.occurredAt;
+    out["reversedAt"] = toJson(entry.reversedAt);
+    out["because"] = toJson(entry.because);
+    out["survivingPersonID"] = entry.survivingPersonID;
+    out["absorbedPersonID"] = toJson(entry.absorbedPersonID);
+    out["involvedSourceIdentityIDs"] = toJson(entry.involvedSourceIdentityIDs);
+    out["providers"] = toJson(entry.providers);
+    out["operationID"] = toJson(entry.operationID);
+    out["mergeEventIDs"] = toJson(entry.mergeEventIDs);
+    return out;
+}
+
+Json toJson(const identity::DeclareOwnerAliasResult& result) {
+    Json out = Json::object();
+    out["excludedPersonID"] = toJson(result.excludedPersonID);
+    out["wasNewAlias"] = result.wasNewAlias;
+    return out;
+}
+
+Json toJson(const identity::OwnerAliasMutation& mutation) {
+    Json aliases = Json::array();
+    for (const auto& alias : mutation.insertedAliases) {
+        Json item = Json::object();
+        item["sourceIdentityID"] = alias.sourceIdentityID;
+        item["sourceType"] = alias.sourceType;
+        item["handleNormalized"] = alias.handleNormalized;
+        aliases.push_back(std::move(item));
+    }
+    Json exclusions = Json::array();
+    for (const auto& exclusion : mutation.insertedExclusions) {
+        Json item = Json::object();
+        item["exclusionRuleID"] = exclusion.exclusionRuleID;
+        item["personID"] = exclusion.personID;
+        exclusions.push_back(std::move(item));
+    }
+    Json out = Json::object();
+    out["insertedAliases"] = std::move(aliases);
+    out["insertedExclusions"] = std::move(exclusions);
+    return out;
+}
+
+Json toJson(const identity::OwnerAliasDeclarationOutcome& outcome) {
+    Json out = Json::object();
+    out["perIdentity"] = toJson(outcome.perIdentity);
+    out["mutation"] = toJson(outcome.mutation);
+    return out;
+}
+
+Json toJson(const identity::IdentityCorrectionCounts& counts) {
+    // Parsed back from the library's own text so that the two forms cannot drift
+    // apart; the ordered parse keeps its key order.
+    return Json::parse(identity::encodeJSON(counts));
+}
+
 Json toJson(const schema::LinkIdentityRequest& request) {
     Json out = Json::object();
     out["personID"] = request.personID;
@@ -378,6 +460,30 @@ identity::ManualLinkTarget manualLinkTargetFromJson(const Json& value, const std
         return identity::ManualLinkTarget::identity(in.get("identity", sourceIdentityFromJson));
     }
     return identity::ManualLinkTarget::person(in.text("person"));
+}
+
+identity::OwnerAliasMutation ownerAliasMutationFromJson(const Json& value,
+                                                        const std::string& path) {
+    const FieldReader in(value, path);
+    const auto alias = [](const Json& item, const std::string& where) {
+        const FieldReader fields(item, where);
+        return identity::OwnerAliasMutation::InsertedAlias{
+            .sourceIdentityID = fields.text("sourceIdentityID"),
+            .sourceType = fields.text("sourceType"),
+            .handleNormalized = fields.text("handleNormalized"),
+        };
+    };
+    const auto exclusion = [](const Json& item, const std::string& where) {
+        const FieldReader fields(item, where);
+        return identity::OwnerAliasMutation::InsertedExclusion{
+            .exclusionRuleID = fields.text("exclusionRuleID"),
+            .personID = fields.text("personID"),
+        };
+    };
+    return identity::OwnerAliasMutation{
+        .insertedAliases = in.list("insertedAliases", alias),
+        .insertedExclusions = in.list("insertedExclusions", exclusion),
+    };
 }
 
 schema::LinkIdentityRequest linkIdentityRequestFromJson(const Json& value,

@@ -101,6 +101,8 @@ template <typename T>
 [[nodiscard]] Json toJson(identity::DecidedBy decidedBy);
 [[nodiscard]] Json toJson(schema::SubjectLineage lineage);
 [[nodiscard]] Json toJson(schema::Taxonomy taxonomy);
+// "merged", "linked" or "separated".
+[[nodiscard]] Json toJson(identity::IdentityHistoryEntry::Kind kind);
 
 // "grouping", "person" or "source_identity".
 [[nodiscard]] schema::SubjectLineage subjectLineageFromJson(const Json& value,
@@ -120,6 +122,15 @@ template <typename T>
 [[nodiscard]] Json toJson(const identity::LinkablePersonRow& row);
 // {"identity": <SourceIdentityRow>} or {"person": "<id>"}.
 [[nodiscard]] Json toJson(const identity::ManualLinkTarget& target);
+[[nodiscard]] Json toJson(const identity::ManualLinkSurvivorPrediction& prediction);
+[[nodiscard]] Json toJson(const identity::IdentityCandidateContext& context);
+[[nodiscard]] Json toJson(const identity::IdentityHistoryEntry& entry);
+[[nodiscard]] Json toJson(const identity::DeclareOwnerAliasResult& result);
+[[nodiscard]] Json toJson(const identity::OwnerAliasMutation& mutation);
+[[nodiscard]] Json toJson(const identity::OwnerAliasDeclarationOutcome& outcome);
+// The counts' own fixed form (identity::encodeJSON): snake-case keys, and
+// exact_key_candidate_pairs left out when absent.
+[[nodiscard]] Json toJson(const identity::IdentityCorrectionCounts& counts);
 [[nodiscard]] Json toJson(const schema::LinkIdentityRequest& request);
 [[nodiscard]] Json toJson(const schema::LinkIdentityResponse& response);
 [[nodiscard]] Json toJson(const schema::ProposeMergeRequest& request);
@@ -137,6 +148,9 @@ template <typename T>
 // Exactly one of "identity" and "person".
 [[nodiscard]] identity::ManualLinkTarget manualLinkTargetFromJson(const Json& value,
                                                                   const std::string& path);
+// {"insertedAliases": [...], "insertedExclusions": [...]}, both lists required.
+[[nodiscard]] identity::OwnerAliasMutation ownerAliasMutationFromJson(const Json& value,
+                                                                      const std::string& path);
 [[nodiscard]] schema::LinkIdentityRequest linkIdentityRequestFromJson(const Json& value,
                                                                       const std::string& path);
 [[nodiscard]] schema::ProposeMergeRequest proposeMergeRequestFromJson(const Json& value,

@@ -52,6 +52,12 @@ constexpr std::array<std::pair<ConstraintKind, std::string_view>, 2> kKinds{{
     {ConstraintKind::different, "different"},
 }};
 
+constexpr std::array<std::pair<IdentityHistoryEntry::Kind, std::string_view>, 3> kHistoryKinds{{
+    {IdentityHistoryEntry::Kind::merged, "merged"},
+    {IdentityHistoryEntry::Kind::linked, "linked"},
+    {IdentityHistoryEntry::Kind::separated, "separated"},
+}};
+
 constexpr std::array<std::string_view, 12> kCaseNames{
     "notFound",
     "invalidArgs",
@@ -80,6 +86,13 @@ std::string_view rawValue(ConstraintSubjectType value) noexcept {
 }
 std::string_view rawValue(ConstraintKind value) noexcept {
     return rawOf(value, kKinds);
+}
+
+std::string_view rawValue(IdentityHistoryEntry::Kind kind) noexcept {
+    return rawOf(kind, kHistoryKinds);
+}
+std::optional<IdentityHistoryEntry::Kind> parseHistoryKind(std::string_view text) noexcept {
+    return parseExact(text, kHistoryKinds);
 }
 
 std::optional<MembershipState> parseMembershipState(std::string_view text) noexcept {

@@ -212,6 +212,173 @@ struct LinkablePersonRow {
     bool operator==(const LinkablePersonRow&) const = default;
 };
 
+// What a manual link predicts before it is committed.
+struct ManualLinkSurvivorPrediction {
+    // The targets as passed in, duplicates included.
+    std::vector<ManualLinkTarget> targets;
+    // The person that would survive.
+    std::string personID;
+    // The given targets that resolve to the survivor, in the given order.
+    std::vector<ManualLinkTarget> survivorTargets;
+
+    bool operator==(const ManualLinkSurvivorPrediction&) const = default;
+};
+
+// What the correction screen shows beside a candidate or a search result.
+struct IdentityCandidateContext {
+    std::string sourceIdentityID;
+    std::string provider;
+    std::optional<std::string> displayName;
+    std::int64_t conversationCount = 0;
+    std::string lastSeenAt;
+    std::int64_t sharedThreadCount = 0;
+    bool exactHandleMatch = false;
+
+    bool operator==(const IdentityCandidateContext&) const = default;
+};
+
+// One suggestion of an outside proposer.
+struct IdentityCandidateProposal {
+    std::string sourceIdentityID;
+    double confidence = 0;
+    // The proposer's explanation.
+    std::string support;
+
+    bool operator==(const IdentityCandidateProposal&) const = default;
+};
+
+// The answer of an outside proposer.
+struct IdentityCandidateSuggestionResult {
+    struct NoMatchFound {
+        bool operator==(const NoMatchFound&) const = default;
+    };
+    struct Unavailable {
+        bool operator==(const Unavailable&) const = default;
+    };
+    std::variant<std::vector<IdentityCandidateProposal>, NoMatchFound, Unavailable> value;
+
+    static IdentityCandidateSuggestionResult proposed(std::vector<IdentityCandidateProposal> p) {
+        return {std::move(p)};
+    }
+    static IdentityCandidateSuggestionResult noMatchFound() { return {NoMatchFound{}}; }
+    static IdentityCandidateSuggestionResult unavailable() { return {Unavailable{}}; }
+    bool operator==(const IdentityCandidateSuggestionResult&) const = default;
+};
+
+// Suggests which identities belong to a person. Implemented by the application
+// (for example a ranking service); this library only calls it. An implementation
+// names only identities among the given contexts, each at most once; answers
+// noMatchFound when nothing matches and unavailable when it cannot answer. It
+// never throws; it may take its time, so callers keep it off the user-interface
+// thread.
+class IdentityCandidateProposing {
+public:
+    virtual ~IdentityCandidateProposing() = default;
+    virtual IdentityCandidateSuggestionResult proposeCandidates(
+        const std::string& personName, const std::vector<IdentityCandidateContext>& contexts) = 0;
+};
+
+// The outcome of declaring one identity as one of the user's own.
+struct DeclareOwnerAliasResult {
+    // The person the identity was bound to and that is now excluded.
+    std::optional<std::string> excludedPersonID;
+    // The handle was not an owner alias before and has been registered now.
+    bool wasNewAlias = false;
+
+    bool operator==(const DeclareOwnerAliasResult&) const = default;
+};
+
+// Exactly what one owner-alias declaration inserted, so that it can be removed
+// again and nothing else.
+struct OwnerAliasMutation {
+    struct InsertedAlias {
+        std::string sourceIdentityID;
+        std::string sourceType;
+        std::string handleNormalized;
+        bool operator==(const InsertedAlias&) const = default;
+    };
+    struct InsertedExclusion {
+        std::string exclusionRuleID;
+        std::string personID;
+        bool operator==(const InsertedExclusion&) const = default;
+    };
+
+    std::vector<InsertedAlias> insertedAliases;
+    std::vector<InsertedExclusion> insertedExclusions;
+
+    [[nodiscard]] bool empty() const noexcept {
+        return insertedAliases.empty() && insertedExclusions.empty();
+    }
+    bool operator==(const OwnerAliasMutation&) const = default;
+};
+
+struct OwnerAliasDeclarationOutcome {
+    // One per given identity, in the given order.
+    std::vector<DeclareOwnerAliasResult> perIdentity;
+    OwnerAliasMutation mutation;
+
+    bool operator==(const OwnerAliasDeclarationOutcome&) const = default;
+};
+
+// One correction in a person's identity history: all merge events of one
+// operation.
+struct IdentityHistoryEntry {
+    enum class Kind { merged, linked, separated };
+
+    // The first event of the correction (by created_at, then insertion).
+    std::string mergeEventID;
+    Kind kind = Kind::linked;
+    std::string occurredAt;
+    // Present only when every event of the correction is reversed: the latest
+    // reversal time.
+    std::optional<std::string> reversedAt;
+    std::optional<std::string> because;
+    std::string survivingPersonID;
+    std::optional<std::string> absorbedPersonID;
+    // Distinct identities of the correction's membership post-images, in no
+    // defined order.
+    std::vector<std::string> involvedSourceIdentityIDs;
+    // Distinct source types of those identities that still exist, sorted.
+    std::vector<std::string> providers;
+    std::optional<std::string> operationID;
+    // Every event of the correction, by created_at, then insertion.
+    std::vector<std::string> mergeEventIDs;
+
+    // The entry's identity: its operation, else its first event.
+    [[nodiscard]] const std::string& id() const noexcept {
+        return operationID ? *operationID : mergeEventID;
+    }
+    bool operator==(const IdentityHistoryEntry&) const = default;
+};
+
+// "merged", "linked", "separated"
+[[nodiscard]] std::string_view rawValue(IdentityHistoryEntry::Kind kind) noexcept;
+[[nodiscard]] std::optional<IdentityHistoryEntry::Kind> parseHistoryKind(
+    std::string_view text) noexcept;
+
+// Diagnostic counts of the identity store.
+struct IdentityCorrectionCounts {
+    std::int64_t sourceIdentityTotal = 0;
+    std::map<std::string, std::int64_t> sourceIdentityByType;
+    // Absent when the candidate section could not be computed.
+    std::optional<std::int64_t> exactKeyCandidatePairs;
+    std::int64_t activeMemberships = 0;
+    std::map<std::string, std::int64_t> membershipStates;
+    std::int64_t mergeEvents = 0;
+    std::int64_t absorbedPersons = 0;
+    std::vector<std::string> unavailableSections;
+
+    bool operator==(const IdentityCorrectionCounts&) const = default;
+};
+
+// The counts' fixed JSON form: snake-case keys in declaration order, compact,
+// exact_key_candidate_pairs left out when absent, maps in key order.
+[[nodiscard]] std::string encodeJSON(const IdentityCorrectionCounts& counts);
+// Reads that form: every key required except exact_key_candidate_pairs (missing
+// or null: absent). Absent when the text is not such an object.
+[[nodiscard]] std::optional<IdentityCorrectionCounts> decodeIdentityCorrectionCounts(
+    std::string_view text) noexcept;
+
 // ---------------------------------------------------------------------------
 // The snapshot stored with each merge event (merge_event.pre_merge_state_json).
 // Stored data: rows written by one version are read by later ones. State and

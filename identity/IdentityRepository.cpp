@@ -4,6 +4,7 @@
 
 #include "identity/IdentityRepositoryInternal.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace orvik::identity {
@@ -191,6 +192,187 @@ UndoMergeResult IdentityRepository::undoMerge(const std::string& mergeEventID) {
         throw IdentityStoreError::notFound(mergeEventID);
     }
     return results.front();
+}
+
+IdentityConfirmResult IdentityRepository::confirmManualLink(const SourceIdentityRow& a,
+                                                            const SourceIdentityRow& b,
+                                                            SubjectLineage subjectLineage,
+                                                            const std::string& subjectID) {
+    SerialQueue::Turn turn(queue_);
+    const std::string operationID = newIdentifier();
+    std::int64_t absorbed = 0;
+    auto result = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        auto linked =
+            core.confirmManualLinkCore(a, b, operationID, subjectLineage, subjectID, db);
+        absorbed = core.absorbedPersonCount(operationID, db);
+        return linked;
+    });
+    emit(event(Witness::Kind::confirmManualLink, 2,
+               static_cast<std::int64_t>(result.mergeEventIDs.size()), absorbed, operationID));
+    return result;
+}
+
+IdentityConfirmResult IdentityRepository::batchConfirmManualLink(
+    const std::vector<SourceIdentityRow>& rows, SubjectLineage subjectLineage,
+    const std::string& subjectID) {
+    if (rows.size() < 2) {
+        throw IdentityStoreError::invalidArgs("batch confirm requires at least two identities");
+    }
+    SerialQueue::Turn turn(queue_);
+    const std::string operationID = newIdentifier();
+    std::int64_t absorbed = 0;
+    auto result = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        IdentityConfirmResult combined;
+        for (std::size_t i = 1; i < rows.size(); ++i) {
+            auto pair = core.confirmManualLinkCore(rows.front(), rows[i], operationID,
+                                                   subjectLineage, subjectID, db);
+            combined.personID = std::move(pair.personID);
+            combined.mergeEventIDs.insert(combined.mergeEventIDs.end(), pair.mergeEventIDs.begin(),
+                                          pair.mergeEventIDs.end());
+        }
+        absorbed = core.absorbedPersonCount(operationID, db);
+        return combined;
+    });
+    emit(event(Witness::Kind::batchConfirmManualLink, static_cast<std::int64_t>(rows.size()),
+               static_cast<std::int64_t>(result.mergeEventIDs.size()), absorbed, operationID));
+    return result;
+}
+
+IdentityConfirmResult IdentityRepository::confirmManualLink(
+    const std::vector<ManualLinkTarget>& targets, SubjectLineage subjectLineage,
+    const std::string& subjectID) {
+    std::vector<ManualLinkTarget> distinct;
+    for (const auto& target : targets) {
+        if (std::find(distinct.begin(), distinct.end(), target) == distinct.end()) {
+            distinct.push_back(target);
+        }
+    }
+    if (distinct.size() < 2) {
+        throw IdentityStoreError::invalidArgs("manual link requires at least two distinct targets");
+    }
+    const bool anyPerson = std::any_of(distinct.begin(), distinct.end(), [](const auto& target) {
+        return std::holds_alternative<ManualLinkTarget::Person>(target.value);
+    });
+    if (!anyPerson) {
+        // Identities only: the batch form, which reports its own witness event.
+        std::vector<SourceIdentityRow> rows;
+        for (const auto& target : distinct) {
+            rows.push_back(std::get<SourceIdentityRow>(target.value));
+        }
+        return batchConfirmManualLink(rows, subjectLineage, subjectID);
+    }
+    SerialQueue::Turn turn(queue_);
+    const std::string operationID = newIdentifier();
+    std::int64_t absorbed = 0;
+    auto result = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        auto linked = core.confirmManualLinkTargetsCore(distinct, operationID, subjectLineage,
+                                                        subjectID, db);
+        absorbed = core.absorbedPersonCount(operationID, db);
+        return linked;
+    });
+    emit(event(Witness::Kind::confirmManualLink, static_cast<std::int64_t>(distinct.size()),
+               static_cast<std::int64_t>(result.mergeEventIDs.size()), absorbed, operationID));
+    return result;
+}
+
+std::optional<ManualLinkSurvivorPrediction> IdentityRepository::predictManualLinkSurvivor(
+    const std::vector<ManualLinkTarget>& targets) {
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.predictManualLinkSurvivor(targets, db);
+    });
+}
+
+IdentityConfirmResult IdentityRepository::separateIdentity(const std::string& sourceIdentityID,
+                                                           const std::string& subjectID) {
+    SerialQueue::Turn turn(queue_);
+    auto result = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.separateIdentityCore(sourceIdentityID, subjectID, db);
+    });
+    emit(event(Witness::Kind::separateIdentity, 1,
+               static_cast<std::int64_t>(result.mergeEventIDs.size())));
+    return result;
+}
+
+OwnerAliasDeclarationOutcome IdentityRepository::declareOwnerAlias(
+    const std::string& sourceIdentityID, const std::string& subjectID) {
+    return batchDeclareOwnerAlias({sourceIdentityID}, subjectID);
+}
+
+OwnerAliasDeclarationOutcome IdentityRepository::batchDeclareOwnerAlias(
+    const std::vector<std::string>& sourceIdentityIDs, const std::string& subjectID) {
+    if (sourceIdentityIDs.empty()) {
+        return {};
+    }
+    SerialQueue::Turn turn(queue_);
+    auto outcome = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.declareOwnerAliasCore(sourceIdentityIDs, subjectID, db);
+    });
+    emit(event(Witness::Kind::declareOwnerAlias,
+               static_cast<std::int64_t>(sourceIdentityIDs.size())));
+    return outcome;
+}
+
+void IdentityRepository::undoOwnerAliasMutation(const OwnerAliasMutation& mutation) {
+    if (mutation.empty()) {
+        return;
+    }
+    SerialQueue::Turn turn(queue_);
+    writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        core.undoOwnerAliasMutationCore(mutation, db);
+    });
+    emit(event(Witness::Kind::undoOwnerAlias,
+               static_cast<std::int64_t>(mutation.insertedAliases.size())));
+}
+
+std::vector<SourceIdentityRow> IdentityRepository::searchSourceIdentities(
+    const std::string& query, std::int64_t limit,
+    const std::vector<std::string>& excludingSourceIdentityIDs) {
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.searchSourceIdentities(query, limit, excludingSourceIdentityIDs, db);
+    });
+}
+
+std::vector<LinkablePersonRow> IdentityRepository::searchUserStatedPeople(
+    const std::string& query, std::int64_t limit, const std::vector<std::string>& excludingPersonIDs) {
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.searchUserStatedPeople(query, limit, excludingPersonIDs, db);
+    });
+}
+
+std::vector<IdentityCandidate> IdentityRepository::exactKeyCandidates(std::int64_t limit) {
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.exactKeyCandidates(limit, db);
+    });
+}
+
+std::optional<IdentityCandidateContext> IdentityRepository::candidateContext(
+    const std::string& sourceIdentityID, const std::vector<std::string>& relativeTo) {
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.candidateContext(sourceIdentityID, relativeTo, db);
+    });
+}
+
+std::vector<IdentityHistoryEntry> IdentityRepository::identityHistory(const std::string& personID) {
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return core.identityHistory(personID, db);
+    });
+}
+
+IdentityCorrectionCounts IdentityRepository::identityCorrectionsReadback() {
+    SerialQueue::Turn turn(queue_);
+    IdentityCorrectionCounts counts;
+    // Two read transactions in sequence: a failing candidate section is recorded
+    // rather than raised; the count section's errors are raised.
+    try {
+        counts.exactKeyCandidatePairs = pool_->read([&](store::Connection& db) {
+            return static_cast<std::int64_t>(core_->exactKeyCandidates(50, db).size());
+        });
+    } catch (...) {
+        counts.exactKeyCandidatePairs.reset();
+        counts.unavailableSections = {"exact_key_candidates"};
+    }
+    pool_->read([&](store::Connection& db) { core_->readbackCounts(counts, db); });
+    return counts;
 }
 
 }  // namespace orvik::identity

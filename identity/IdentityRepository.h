@@ -92,6 +92,65 @@ class IdentityRepository {
     // undoConfirmation of one event.
     UndoMergeResult undoMerge(const std::string& mergeEventID);
 
+    // --- Manual link. Overrides earlier decisions: every live different-person
+    // constraint among the subjects is revoked first.
+
+    // Links two identities as the user directed.
+    IdentityConfirmResult confirmManualLink(const SourceIdentityRow& a, const SourceIdentityRow& b,
+                                            SubjectLineage subjectLineage,
+                                            const std::string& subjectID);
+    // Links every row with the first, pair by pair, in one transaction. Fewer than
+    // two rows: invalidArgs before anything is opened.
+    IdentityConfirmResult batchConfirmManualLink(const std::vector<SourceIdentityRow>& rows,
+                                                 SubjectLineage subjectLineage,
+                                                 const std::string& subjectID);
+    // Links identities and persons; the surviving person is chosen by
+    // predictManualLinkSurvivor's rule. Only identities: a batch link.
+    IdentityConfirmResult confirmManualLink(const std::vector<ManualLinkTarget>& targets,
+                                            SubjectLineage subjectLineage,
+                                            const std::string& subjectID);
+    // Which person a manual link of these targets would keep; absent when no
+    // target resolves to a person. Reads only.
+    std::optional<ManualLinkSurvivorPrediction> predictManualLinkSurvivor(
+        const std::vector<ManualLinkTarget>& targets);
+
+    // --- Separation.
+
+    // Moves the identity out of its person into a new stub person, marked different
+    // from the identities that stay. The only identity of a person cannot be
+    // separated.
+    IdentityConfirmResult separateIdentity(const std::string& sourceIdentityID,
+                                           const std::string& subjectID);
+
+    // --- Owner aliases. Nothing to do (an empty list or mutation): no transaction
+    // and no witness event.
+
+    OwnerAliasDeclarationOutcome declareOwnerAlias(const std::string& sourceIdentityID,
+                                                   const std::string& subjectID);
+    OwnerAliasDeclarationOutcome batchDeclareOwnerAlias(
+        const std::vector<std::string>& sourceIdentityIDs, const std::string& subjectID);
+    void undoOwnerAliasMutation(const OwnerAliasMutation& mutation);
+
+    // --- Reads for the correction screens.
+
+    // Literal, case-insensitive substring search; a blank query matches everything.
+    // Drops identities marked different from an excluded one. limit < 1 counts as 1.
+    std::vector<SourceIdentityRow> searchSourceIdentities(
+        const std::string& query, std::int64_t limit,
+        const std::vector<std::string>& excludingSourceIdentityIDs);
+    // Persons the user named, never the user's own, never one marked different from
+    // an excluded person.
+    std::vector<LinkablePersonRow> searchUserStatedPeople(
+        const std::string& query, std::int64_t limit,
+        const std::vector<std::string>& excludingPersonIDs);
+    std::vector<IdentityCandidate> exactKeyCandidates(std::int64_t limit);
+    std::optional<IdentityCandidateContext> candidateContext(
+        const std::string& sourceIdentityID, const std::vector<std::string>& relativeTo);
+    // The person's corrections, one entry per operation, oldest first.
+    std::vector<IdentityHistoryEntry> identityHistory(const std::string& personID);
+    // Diagnostic counts; an unavailable candidate section is reported in the record.
+    IdentityCorrectionCounts identityCorrectionsReadback();
+
 private:
     // Runs fn(core, connection) in a read transaction, serialised with every other
     // operation of this repository.

@@ -11,6 +11,8 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
+#include <variant>
 #include <vector>
 
 #include "host/HostServices.h"
@@ -216,6 +218,110 @@ class RepositoryCore {
                               const std::string& subjectID, store::Connection& db);
     // Persons absorbed by the operation's events; -1 when the count fails.
     std::int64_t absorbedPersonCount(const std::string& operationID, store::Connection& db) noexcept;
+
+    // --- Candidates and context --------------------------------------------------
+
+    // Distinct threads in which both identities take part.
+    std::int64_t sharedThreadCount(const std::string& a, const std::string& b,
+                                   store::Connection& db);
+    // Scored pairs of identities with equal normalised handles that are not one
+    // person, not marked different, not the user's own and both presentable; at
+    // most limit of them (none for a limit below 1). Throws the eligibility
+    // service's errors.
+    std::vector<IdentityCandidate> exactKeyCandidates(std::int64_t limit, store::Connection& db);
+    // Absent when the identity is missing or marked different from a compared one.
+    std::optional<IdentityCandidateContext> candidateContext(
+        const std::string& sourceIdentityID, const std::vector<std::string>& relativeTo,
+        store::Connection& db);
+
+    // --- Readback -----------------------------------------------------------------
+
+    // Fills every count except the candidate section.
+    void readbackCounts(IdentityCorrectionCounts& counts, store::Connection& db);
+
+    // --- Separation -----------------------------------------------------------------
+
+    // Moves the identity into a new stub person, marks it different from every
+    // identity that stays behind, and rewrites the link event as a separation.
+    IdentityConfirmResult separateIdentityCore(const std::string& sourceIdentityID,
+                                               const std::string& subjectID,
+                                               store::Connection& db);
+
+    // --- Manual link ----------------------------------------------------------------
+
+    // What one manual-link target stands for: an identity without an active
+    // membership, or the absorption head of the person it names or belongs to.
+    struct ResolvedManualLinkSide {
+        std::variant<SourceIdentityRow, std::string> value;
+        [[nodiscard]] const std::string* personHead() const {
+            return std::get_if<std::string>(&value);
+        }
+        [[nodiscard]] const SourceIdentityRow* unaffiliatedIdentity() const {
+            return std::get_if<SourceIdentityRow>(&value);
+        }
+    };
+
+    IdentityConfirmResult confirmManualLinkCore(const SourceIdentityRow& a,
+                                                const SourceIdentityRow& b,
+                                                const std::string& operationID,
+                                                SubjectLineage subjectLineage,
+                                                const std::string& subjectID,
+                                                store::Connection& db);
+    // Targets must be distinct and include at least one person.
+    IdentityConfirmResult confirmManualLinkTargetsCore(const std::vector<ManualLinkTarget>& targets,
+                                                       const std::string& operationID,
+                                                       SubjectLineage subjectLineage,
+                                                       const std::string& subjectID,
+                                                       store::Connection& db);
+    ResolvedManualLinkSide resolveManualLinkSide(const ManualLinkTarget& target,
+                                                 store::Connection& db);
+    // The head with members wins over one without; then the earlier created_at;
+    // then the smaller identifier.
+    std::optional<std::string> manualLinkSurvivor(const std::vector<std::string>& personHeads,
+                                                  store::Connection& db);
+    std::optional<ManualLinkSurvivorPrediction> predictManualLinkSurvivor(
+        const std::vector<ManualLinkTarget>& targets, store::Connection& db);
+
+    // --- Owner aliases --------------------------------------------------------------
+
+    // Declares each identity (duplicates kept) and records what was inserted.
+    OwnerAliasDeclarationOutcome declareOwnerAliasCore(const std::vector<std::string>& sourceIdentityIDs,
+                                                       const std::string& subjectID,
+                                                       store::Connection& db);
+    // Removes exactly what the mutation records.
+    void undoOwnerAliasMutationCore(const OwnerAliasMutation& mutation, store::Connection& db);
+
+    // --- History ----------------------------------------------------------------------
+
+    // A merge_event row as the history reads it.
+    struct HistoryEventRow {
+        std::string id;
+        std::string survivingPersonID;
+        std::optional<std::string> absorbedPersonID;
+        std::string preMergeStateJSON;
+        std::optional<std::string> because;
+        std::string createdAt;
+        std::optional<std::string> reversedAt;
+        std::optional<std::string> operationID;
+    };
+
+    std::vector<IdentityHistoryEntry> identityHistory(const std::string& personID,
+                                                      store::Connection& db);
+    // Absent when the events do not concern the person.
+    std::optional<IdentityHistoryEntry> historyEntry(const std::vector<HistoryEventRow>& rows,
+                                                     const std::string& personID,
+                                                     store::Connection& db);
+
+    // --- Search -----------------------------------------------------------------------
+
+    // A backslash before every backslash, percent sign and underscore.
+    static std::string escapedLikePattern(std::string_view text);
+    std::vector<SourceIdentityRow> searchSourceIdentities(
+        const std::string& query, std::int64_t limit,
+        const std::vector<std::string>& excludingSourceIdentityIDs, store::Connection& db);
+    std::vector<LinkablePersonRow> searchUserStatedPeople(
+        const std::string& query, std::int64_t limit,
+        const std::vector<std::string>& excludingPersonIDs, store::Connection& db);
 
 private:
     host::HostServices services_;

@@ -165,14 +165,14 @@ IdentityConfirmResult RepositoryCore::confirmCandidateCore(
     if (personA == personB) {
         return {.personID = personA, .mergeEventIDs = {}};
     }
-    const auto response = proposeMergeCore(
-        schema::ProposeMergeRequest{.presetValue = kPresetValue,
-                                    .personIDA = personA,
-                                    .personIDB = personB,
-                                    .subjectID = subjectID,
-                                    .subjectLineage = subjectLineage,
-                                    .confirmed = true},
-        operationID, additionalRevokedConstraintIDs, db);
+    const auto response =
+        proposeMergeCore(schema::ProposeMergeRequest{.presetValue = kPresetValue,
+                                                     .personIDA = personA,
+                                                     .personIDB = personB,
+                                                     .subjectID = subjectID,
+                                                     .subjectLineage = subjectLineage,
+                                                     .confirmed = true},
+                         operationID, additionalRevokedConstraintIDs, db);
     using Status = schema::ProposeMergeResponse::Status;
     if (response.status != Status::merged || !response.mergeEventID) {
         failConfirmation(response, Status::merged, "merged");

@@ -64,8 +64,7 @@ std::int64_t countSharedThreads(const std::string& a, const std::string& b, stor
 }
 
 std::string RepositoryCore::computeLinkBecause(const std::string& sourceIdentityID,
-                                               const std::string& personID,
-                                               store::Connection& db) {
+                                               const std::string& personID, store::Connection& db) {
     const auto identity = sourceIdentityRow(sourceIdentityID, db);
     if (!identity) {
         return "user confirmed";
@@ -93,8 +92,8 @@ std::vector<MergePreState::MembershipRowImage> RepositoryCore::membershipRowImag
     if (sourceIdentityIDs.empty()) {
         return images;
     }
-    const std::string sql =
-        kMembershipImagesHead + store::placeholders(sourceIdentityIDs.size()) + kMembershipImagesTail;
+    const std::string sql = kMembershipImagesHead + store::placeholders(sourceIdentityIDs.size()) +
+                            kMembershipImagesTail;
     db.query(sql, {sourceIdentityIDs}, [&](const store::Row& row) {
         images.push_back(MergePreState::MembershipRowImage{
             .id = row.text("id"),
@@ -139,7 +138,8 @@ std::string confirmMembershipTo(const std::string& sourceIdentityID, const std::
         return *open;
     }
     std::string id = newIdentifier();
-    db.run(kInsertMembership, {id, sourceIdentityID, personID, "confirmed", because, "user", now, now});
+    db.run(kInsertMembership,
+           {id, sourceIdentityID, personID, "confirmed", because, "user", now, now});
     return id;
 }
 
@@ -156,9 +156,8 @@ schema::LinkIdentityResponse RepositoryCore::linkIdentityCore(
     if (!person || person->mergedIntoPersonID) {
         return refusal("", "person not found or absorbed", Taxonomy::notFound, Status::error);
     }
-    const auto constraints =
-        liveDifferentConstraintRows(ConstraintSubjectType::identity, sid,
-                                    ConstraintSubjectType::person, pid, db);
+    const auto constraints = liveDifferentConstraintRows(ConstraintSubjectType::identity, sid,
+                                                         ConstraintSubjectType::person, pid, db);
     for (const auto& constraint : constraints) {
         // Only the no-reabsorption guard's automatic constraints give way to a link.
         if (constraint.decidedBy != "auto") {

@@ -81,8 +81,7 @@ std::vector<std::string> memberIdentities(const std::vector<IdentityMembershipRo
 }  // namespace
 
 std::string RepositoryCore::computeMergeBecause(const std::string& personA,
-                                                const std::string& personB,
-                                                store::Connection& db) {
+                                                const std::string& personB, store::Connection& db) {
     auto identitiesOf = [&](const std::string& person) {
         std::vector<SourceIdentityRow> rows;
         for (const auto& membership : activeMembershipRows(person, db)) {
@@ -167,8 +166,9 @@ schema::ProposeMergeResponse RepositoryCore::proposeMergeCore(
         std::string message =
             handle ? "You told Orvik that " + *handle +
                          " is you. To change that, remove it from your own handles."
-                   : std::string("One of these people is you. To change that, remove the handle "
-                                 "from your own handles.");
+                   : std::string(
+                         "One of these people is you. To change that, remove the handle "
+                         "from your own handles.");
         return refusal("", std::move(message), Taxonomy::excluded, Status::error);
     }
 
@@ -178,7 +178,8 @@ schema::ProposeMergeResponse RepositoryCore::proposeMergeCore(
     // Everything the snapshot needs from before the merge is read before any write.
     const auto members = activeMembershipRows(b, db);
     std::vector<std::string> claimsOfB;
-    db.query(kClaimIDsUnordered, {b}, [&](const store::Row& row) { claimsOfB.push_back(row.text(0)); });
+    db.query(kClaimIDsUnordered, {b},
+             [&](const store::Row& row) { claimsOfB.push_back(row.text(0)); });
     const auto memberIDs = memberIdentities(members);
 
     MergePreState snapshot;
@@ -219,9 +220,9 @@ schema::ProposeMergeResponse RepositoryCore::proposeMergeCore(
     const std::string eventID = newIdentifier();
     db.run(kInsertMergeEvent, {eventID, a, b, encodeJSON(snapshot), because, now, operationID});
     services_.projectionGeneration->bump(db);
-    db.run(kInsertSamePersonCorrection, {newIdentifier(), b,
-                                         std::string(schema::rawValue(request.subjectLineage)),
-                                         request.subjectID, now});
+    db.run(kInsertSamePersonCorrection,
+           {newIdentifier(), b, std::string(schema::rawValue(request.subjectLineage)),
+            request.subjectID, now});
 
     const bool postConditionHolds = [&] {
         if (db.scalarInteger(kCountActiveOfPerson, {b}).value_or(-1) != 0) {
@@ -269,8 +270,8 @@ std::vector<MergePreState::CaptureAssociationImage> RepositoryCore::repointCaptu
         std::optional<Association> survivors;
         db.query(kCaptureOfObjectAndPerson, {row.object, to}, [&](const store::Row& r) {
             if (!survivors) {
-                survivors = Association{row.object, r.optionalText("state"),
-                                        r.optionalText("ended_at")};
+                survivors =
+                    Association{row.object, r.optionalText("state"), r.optionalText("ended_at")};
             }
         });
         if (!survivors) {

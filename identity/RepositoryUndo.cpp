@@ -76,7 +76,7 @@ void requireOneRow(int changed) {
     }
 }
 
-// Steps 1 to 5 of the undo read only: every post-image must still match the store.
+// Reads only: every post-image must still match the store.
 void verifyPostImages(const MergePreState& s, RepositoryCore& core, store::Connection& db) {
     const auto current = core.membershipRowImages(affectedIdentityIDs(s), db);
     std::map<std::string, const MergePreState::MembershipRowImage*> postByID;

@@ -27,5 +27,24 @@ echo "== orvik-identity exec (one request per line, one answer per line)"
 {"id": 5, "op": "activeMembership", "args": {"sourceIdentityID": "si-dana-work"}}
 {"id": 6, "op": "latestUndoableMergeEvent", "args": {"personID": "p-dana"}}
 {"id": 7, "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-unlinked"}}
-{"id": 8, "op": "linkIdentity", "args": {}}
+REQUESTS
+
+echo "== a correction and its undo: confirm that the unlinked contact card is Ravi"
+exec_one() { "$cli" exec --db "$store" --key "$key"; }
+ravi='{"id":"si-ravi-cal","sourceType":"google_calendar","handleNormalized":"ravi@example.org","displayName":"Ravi Anand","firstSeenAt":"2026-02-11T18:30:00Z","lastSeenAt":"2026-11-18T09:00:00Z","createdAt":"2026-02-11T18:30:00Z"}'
+card='{"id":"si-unlinked","sourceType":"apple_contacts","handleNormalized":"ravi.anand@example.net","displayName":"Ravi A.","firstSeenAt":"2026-06-01T12:00:00Z","lastSeenAt":"2026-06-01T12:00:00Z","createdAt":"2026-06-01T12:00:00Z"}'
+confirmed=$(printf '{"id":"confirm","op":"confirmCandidate","args":{"candidate":{"sourceIdentityA":%s,"sourceIdentityB":%s,"existingPersonID":"p-ravi","score":0.85,"because":"user_directed"},"subjectLineage":"person","subjectID":"sample-user"}}\n' "$ravi" "$card" | exec_one)
+echo "$confirmed"
+events=$(echo "$confirmed" | grep -o '"mergeEventIDs":\[[^]]*\]' | sed 's/"mergeEventIDs"://')
+
+echo "== the resulting person"
+exec_one <<REQUESTS
+{"id": "after-confirm", "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-unlinked"}}
+{"id": "members", "op": "activeMemberships", "args": {"personID": "p-ravi"}}
+REQUESTS
+
+echo "== undo of the whole confirmation"
+exec_one <<REQUESTS
+{"id": "undo", "op": "undoConfirmation", "args": {"mergeEventIDs": $events}}
+{"id": "after-undo", "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-unlinked"}}
 REQUESTS

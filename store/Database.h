@@ -62,8 +62,11 @@ class Params {
     Params() = default;
     Params(std::initializer_list<Param> params) : values_(params) {}
 
-    Params& add(Param p) {
-        values_.push_back(std::move(p));
+    // Constructs the parameter in place (a temporary variant trips GCC's
+    // maybe-uninitialized analysis at -O2).
+    template <typename T>
+    Params& add(T&& value) {
+        values_.emplace_back(std::forward<T>(value));
         return *this;
     }
     [[nodiscard]] const std::vector<Param>& values() const noexcept { return values_; }

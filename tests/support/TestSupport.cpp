@@ -127,4 +127,18 @@ std::string TestDatabase::dump(const std::vector<std::string>& tables) {
     });
 }
 
+std::vector<std::string> TestDatabase::rows(const std::string& sql) {
+    return pool_->read([&](store::Connection& db) {
+        std::vector<std::string> out;
+        db.query(sql, {}, [&](const store::Row& row) {
+            std::string line;
+            for (int i = 0; i < row.columnCount(); ++i) {
+                line += (i ? "|" : "") + (row.isNull(i) ? std::string("NULL") : row.text(i));
+            }
+            out.push_back(std::move(line));
+        });
+        return out;
+    });
+}
+
 }  // namespace orvik::test

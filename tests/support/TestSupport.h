@@ -50,6 +50,10 @@ class TestDatabase {
     // empty) as canonical text: tables in name order, rows sorted, columns by name.
     [[nodiscard]] std::string dump(const std::vector<std::string>& tables = {});
 
+    // The result of a query, one string per row: the columns joined by "|", NULL
+    // written as NULL. Rows in the order the query returns them.
+    [[nodiscard]] std::vector<std::string> rows(const std::string& sql);
+
     // Seeding shortcuts. Timestamps default to a fixed early time so that rows a
     // test seeds sort before anything an operation writes.
     void addPerson(const std::string& id, const std::optional<std::string>& mergedInto = {},

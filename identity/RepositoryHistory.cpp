@@ -1,0 +1,172 @@
+// A person's identity history, read from merge_event alone: one entry per
+// correction (operation), however many events it wrote.
+#include <algorithm>
+#include <set>
+
+#include "identity/IdentityRepositoryInternal.h"
+
+namespace orvik::identity::internal {
+
+namespace {
+
+// The newest events naming the person, then in ascending order. The person's id is
+// bound unescaped: LIKE may over-match, and historyEntry drops what does not
+// concern the person.
+const std::string kSelectHistoryCandidates =
+    "SELECT * FROM (\n"
+    "    SELECT *, rowid FROM merge_event\n"
+    "    WHERE surviving_person_id = ?\n"
+    "       OR absorbed_person_id = ?\n"
+    "       OR pre_merge_state_json LIKE '%' || ? || '%'\n"
+    "    ORDER BY created_at DESC, rowid DESC LIMIT ?\n"
+    ") ORDER BY created_at, rowid";
+const std::string kSelectOperationEvents =
+    "SELECT *, rowid FROM merge_event\n"
+    "WHERE operation_id = ?\n"
+    "ORDER BY created_at, rowid";
+
+constexpr std::int64_t kHistoryEventWindow = 1000;
+
+const std::string kSeparatedBecause = "separated_by_user";
+
+RepositoryCore::HistoryEventRow decodeHistoryEvent(const store::Row& row) {
+    return RepositoryCore::HistoryEventRow{
+        .id = row.text("id"),
+        .survivingPersonID = row.text("surviving_person_id"),
+        .absorbedPersonID = row.optionalText("absorbed_person_id"),
+        .preMergeStateJSON = row.text("pre_merge_state_json"),
+        .because = row.optionalText("because"),
+        .createdAt = row.text("created_at"),
+        .reversedAt = row.optionalText("reversed_at"),
+        .operationID = row.optionalText("operation_id"),
+    };
+}
+
+std::vector<RepositoryCore::HistoryEventRow> historyEvents(store::Connection& db,
+                                                           const std::string& sql,
+                                                           const store::Params& params) {
+    std::vector<RepositoryCore::HistoryEventRow> rows;
+    db.query(sql, params, [&](const store::Row& row) { rows.push_back(decodeHistoryEvent(row)); });
+    return rows;
+}
+
+}  // namespace
+
+std::vector<IdentityHistoryEntry> RepositoryCore::identityHistory(const std::string& personID,
+                                                                  store::Connection& db) {
+    const auto candidates = historyEvents(db, kSelectHistoryCandidates,
+                                          {personID, personID, personID, kHistoryEventWindow});
+
+    // Whole operations, including their events outside the window.
+    std::map<std::string, std::vector<HistoryEventRow>> operations;
+    for (const auto& row : candidates) {
+        if (row.operationID && !operations.contains(*row.operationID)) {
+            operations.emplace(*row.operationID,
+                               historyEvents(db, kSelectOperationEvents, {*row.operationID}));
+        }
+    }
+
+    std::set<std::string> seen;
+    std::vector<IdentityHistoryEntry> entries;
+    for (const auto& row : candidates) {
+        const std::string& key = row.operationID ? *row.operationID : row.id;
+        if (!seen.insert(key).second) {
+            continue;
+        }
+        const auto entry = row.operationID ? historyEntry(operations.at(key), personID, db)
+                                           : historyEntry({row}, personID, db);
+        if (entry) {
+            entries.push_back(*entry);
+        }
+    }
+    return entries;
+}
+
+std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
+    const std::vector<HistoryEventRow>& rows, const std::string& personID, store::Connection& db) {
+    if (rows.empty()) {
+        return std::nullopt;
+    }
+
+    std::vector<MergePreState> snapshots;
+    bool concernsPerson = false;
+    for (const auto& row : rows) {
+        if (row.survivingPersonID == personID || row.absorbedPersonID == personID) {
+            concernsPerson = true;
+        }
+        // An undecodable snapshot contributes nothing.
+        if (auto snapshot = decodeMergePreState(row.preMergeStateJSON)) {
+            concernsPerson = concernsPerson ||
+                             std::any_of(snapshot->priorActiveMemberships.begin(),
+                                         snapshot->priorActiveMemberships.end(),
+                                         [&](const MergePreState::PriorMembership& membership) {
+                                             return membership.canonicalPersonID == personID;
+                                         });
+            snapshots.push_back(std::move(*snapshot));
+        }
+    }
+    if (!concernsPerson) {
+        return std::nullopt;
+    }
+
+    const auto has = [&](auto predicate) {
+        return std::any_of(rows.begin(), rows.end(), predicate);
+    };
+    IdentityHistoryEntry::Kind kind = IdentityHistoryEntry::Kind::linked;
+    if (has([](const HistoryEventRow& row) { return row.absorbedPersonID.has_value(); })) {
+        kind = IdentityHistoryEntry::Kind::merged;
+    } else if (has([](const HistoryEventRow& row) { return row.because == kSeparatedBecause; })) {
+        kind = IdentityHistoryEntry::Kind::separated;
+    }
+
+    // Reversed only when every event is: then the latest reversal.
+    std::optional<std::string> reversedAt;
+    if (!has([](const HistoryEventRow& row) { return !row.reversedAt.has_value(); })) {
+        for (const auto& row : rows) {
+            if (!reversedAt || *row.reversedAt > *reversedAt) {
+                reversedAt = row.reversedAt;
+            }
+        }
+    }
+
+    std::vector<std::string> involved;
+    for (const auto& snapshot : snapshots) {
+        for (const auto& image : snapshot.membershipPostImages) {
+            if (std::find(involved.begin(), involved.end(), image.sourceIdentityID) ==
+                involved.end()) {
+                involved.push_back(image.sourceIdentityID);
+            }
+        }
+    }
+
+    // Identities that no longer exist contribute no provider.
+    std::set<std::string> providers;
+    for (const auto& id : involved) {
+        if (const auto identity = sourceIdentityRow(id, db)) {
+            providers.insert(identity->sourceType);
+        }
+    }
+
+    std::vector<std::string> mergeEventIDs;
+    mergeEventIDs.reserve(rows.size());
+    for (const auto& row : rows) {
+        mergeEventIDs.push_back(row.id);
+    }
+
+    const HistoryEventRow& first = rows.front();
+    return IdentityHistoryEntry{
+        .mergeEventID = first.id,
+        .kind = kind,
+        .occurredAt = first.createdAt,
+        .reversedAt = std::move(reversedAt),
+        .because = first.because,
+        .survivingPersonID = first.survivingPersonID,
+        .absorbedPersonID = first.absorbedPersonID,
+        .involvedSourceIdentityIDs = std::move(involved),
+        .providers = std::vector<std::string>(providers.begin(), providers.end()),
+        .operationID = first.operationID,
+        .mergeEventIDs = std::move(mergeEventIDs),
+    };
+}
+
+}  // namespace orvik::identity::internal

@@ -1,0 +1,134 @@
+// Separating one source identity from its person: the identity moves to a new
+// stub person through an ordinary link, is marked different from every identity
+// that stays behind, and the link event is rewritten as a separation so that
+// undo revokes those constraints again.
+#include "identity/IdentityRepositoryInternal.h"
+
+namespace orvik::identity::internal {
+
+namespace {
+
+// Statement texts are passed to SQLite exactly as written here; the statement
+// cache is keyed by them.
+const std::string kCountActiveMembers =
+    "SELECT count(*) FROM identity_membership\n"
+    "WHERE canonical_person_id = ? AND ended_at IS NULL AND state IN ('high_conf','confirmed')";
+const std::string kRemainingMembers =
+    "SELECT source_identity_id FROM identity_membership\n"
+    "WHERE canonical_person_id = ? AND ended_at IS NULL\n"
+    "  AND state IN ('high_conf','confirmed') AND source_identity_id != ?\n"
+    "ORDER BY source_identity_id";
+const std::string kSetEventBecause = "UPDATE merge_event SET because = ? WHERE id = ?";
+const std::string kInsertSeparatedCorrection =
+    "INSERT INTO user_correction (id, target_type, target_id, action, subject_lineage, "
+    "subject_id, created_at)\n"
+    "VALUES (?, 'source_identity', ?, 'different_person', 'person', ?, ?)";
+const std::string kInsertIdentityDifferent =
+    "INSERT INTO identity_constraint (id, a_type, a_id, b_type, b_id, kind, decided_by, "
+    "created_at, revoked_at)\n"
+    "VALUES (?, 'identity', ?, 'identity', ?, 'different', 'user', ?, NULL)";
+const std::string kInsertRemainingCorrection =
+    "INSERT INTO user_correction (id, target_type, target_id, action, subject_lineage, "
+    "subject_id, created_at)\n"
+    "VALUES (?, 'source_identity', ?, 'different_person', ?, ?, ?)";
+const std::string kSetEventSnapshot =
+    "UPDATE merge_event SET pre_merge_state_json = ? WHERE id = ?";
+
+const std::string kSeparatedByUser = "separated_by_user";
+const std::string kPersonLineage = "person";
+
+// A link response that is not a success, as the error a separation raises.
+[[noreturn]] void failSeparation(const schema::LinkIdentityResponse& response) {
+    using Status = schema::LinkIdentityResponse::Status;
+    std::string state = "error";
+    switch (response.status) {
+        case Status::belowThresholdQuestion:
+            state = "below_threshold_question";
+            break;
+        case Status::blockedDifferent:
+            state = "blocked_different";
+            break;
+        case Status::linked:
+            state = "linked";
+            break;
+        case Status::error:
+            break;
+    }
+    // The classification counts only together with a message.
+    const auto taxonomy =
+        response.message ? std::optional<Taxonomy>(response.taxonomy) : std::nullopt;
+    throw correctionRefusal("separate", state, taxonomy, response.message);
+}
+
+}  // namespace
+
+IdentityConfirmResult RepositoryCore::separateIdentityCore(const std::string& sourceIdentityID,
+                                                           const std::string& subjectID,
+                                                           store::Connection& db) {
+    const std::string& s = sourceIdentityID;
+    const auto identity = sourceIdentityRow(s, db);
+    if (!identity) {
+        throw IdentityStoreError::notFound(s);
+    }
+    if (isOwnerIdentity(identity->sourceType, identity->handleNormalized, db)) {
+        throw IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
+    }
+    const auto membership = activeMembershipRow(s, db);
+    if (!membership) {
+        throw IdentityStoreError(IdentityStoreError::Case::cannotSeparateSoleIdentity);
+    }
+    const std::string person = membership->canonicalPersonID;
+    const auto members = db.scalarInteger(kCountActiveMembers, {person});
+    if (!members || *members < 2) {
+        throw IdentityStoreError(IdentityStoreError::Case::cannotSeparateSoleIdentity);
+    }
+    std::vector<std::string> remaining;
+    db.query(kRemainingMembers, {person, s},
+             [&](const store::Row& row) { remaining.push_back(row.text(0)); });
+
+    const std::string stub = createPersonRow(db);
+    const std::string operationID = newIdentifier();
+    const auto response = linkIdentityCore(
+        schema::LinkIdentityRequest{.personID = stub, .sourceIdentityID = s, .confirmed = true},
+        operationID, {}, db);
+    if (response.status != schema::LinkIdentityResponse::Status::linked || !response.mergeEventID) {
+        failSeparation(response);
+    }
+    const std::string eventID = *response.mergeEventID;
+    db.run(kSetEventBecause, {kSeparatedByUser, eventID});
+
+    db.run(kInsertSeparatedCorrection, {newIdentifier(), s, subjectID, currentTimestamp()});
+
+    std::vector<std::string> created;
+    for (const auto& r : remaining) {
+        if (r == s || hasDifferentConstraint(ConstraintSubjectType::identity, s,
+                                             ConstraintSubjectType::identity, r, db)) {
+            continue;
+        }
+        const std::string now = currentTimestamp();
+        std::string constraintID = newIdentifier();
+        db.run(kInsertIdentityDifferent, {constraintID, s, r, now});
+        db.run(kInsertRemainingCorrection, {newIdentifier(), r, kPersonLineage, subjectID, now});
+        created.push_back(std::move(constraintID));
+    }
+
+    // The snapshot carries what the separation added, so that its undo can take
+    // the constraints back; a separation hands over no follow-ups.
+    const auto event = mergeEventRow(eventID, db);
+    if (!event) {
+        throw IdentityStoreError(IdentityStoreError::Case::corruptRestoreMap);
+    }
+    auto snapshot = decodeMergePreState(event->preMergeStateJSON);
+    if (!snapshot) {
+        throw IdentityStoreError(IdentityStoreError::Case::corruptRestoreMap);
+    }
+    snapshot->createdDifferentConstraintIDs = std::move(created);
+    snapshot->followUpOwnershipImages.clear();
+    snapshot->openLoopOwnershipImages.clear();
+    snapshot->dispositionKeyImages.clear();
+    db.run(kSetEventSnapshot, {encodeJSON(*snapshot), eventID});
+
+    return IdentityConfirmResult{.personID = stub, .mergeEventIDs = {eventID}};
+}
+
+}  // namespace orvik::identity::internal

@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+
+#include "identity/IdentityRepository.h"
+#include "identity/IdentityRepositoryInternal.h"
+#include "tests/support/TestSupport.h"
+
+namespace orvik::identity {
+namespace {
+
+using Strings = std::vector<std::string>;
+
+template <typename Row>
+Strings ids(const std::vector<Row>& rows) {
+    Strings out;
+    for (const auto& row : rows) {
+        out.push_back(row.id);
+    }
+    return out;
+}
+
+// Counts the owner-ego reads: the person search makes one per row it checks.
+struct CountingOwnerEgo final : host::OwnerEgoProjection {
+    std::shared_ptr<host::OwnerEgoProjection> inner = host::HostServices::reference().ownerEgo;
+    int calls = 0;
+    std::string personID(store::Connection& db) override {
+        ++calls;
+        return inner->personID(db);
+    }
+};
+
+struct Store {
+    test::TestDatabase db;
+    std::shared_ptr<CountingOwnerEgo> ownerEgo = std::make_shared<CountingOwnerEgo>();
+    IdentityRepository repo{db.sharedPool(), nullptr, [this] {
+                                auto services = host::HostServices::reference();
+                                services.ownerEgo = ownerEgo;
+                                return services;
+                            }()};
+
+    Strings identities(const std::string& query, std::int64_t limit = 50,
+                       const Strings& excluding = {}) {
+        return ids(repo.searchSourceIdentities(query, limit, excluding));
+    }
+    Strings people(const std::string& query, std::int64_t limit = 50,
+                   const Strings& excluding = {}) {
+        return ids(repo.searchUserStatedPeople(query, limit, excluding));
+    }
+
+    // A user-stated person with a user-stated name claim.
+    void addStatedPerson(const std::string& id, const std::optional<std::string>& name,
+                         const std::optional<std::string>& mergedInto = {}) {
+        db.addPerson(id, mergedInto, name);
+        db.exec("INSERT INTO claim VALUES ('c-" + id + "', '" + id +
+                "', NULL, 'display_name', 'user_stated', NULL)");
+    }
+};
+
+TEST(Search, QueryIsALiteralCaseInsensitiveSubstring) {
+    EXPECT_EQ(internal::RepositoryCore::escapedLikePattern("50%_off\\"), "50\\%\\_off\\\\");
+
+    Store s;
+    s.db.addIdentity("hit", "gmail", "deals@shop.example", "Get 50%_OFF\\ now");
+    s.db.addIdentity("no-backslash", "gmail", "a@x", "50%_off");
+    s.db.addIdentity("any-char", "gmail", "b@x", "50%Xoff\\");
+    s.db.addIdentity("any-run", "gmail", "c@x", "50 percent_off\\");
+    s.db.addIdentity("by-handle", "imessage", "50%_off\\@x");
+    EXPECT_EQ(s.identities("  50%_off\\\n"), (Strings{"hit", "by-handle"}));
+
+    s.addStatedPerson("p1", "50%_off\\ Club");
+    s.addStatedPerson("p2", "50x_off\\ Club");
+    EXPECT_EQ(s.people("\t50%_OFF\\ "), (Strings{"p1"}));
+}
+
+TEST(Search, IdentitiesAreOrderedLimitedAndFiltered) {
+    Store s;
+    s.db.addIdentity("i3", "gmail", "b@x", "Ann");
+    s.db.addIdentity("i2", "gmail", "a@x", "Ann");
+    s.db.addIdentity("i1", "gmail", "a@x", "Ann");
+    s.db.addIdentity("i0", "gmail", "a@x");
+    s.db.addIdentity("i4", "gmail", "c@x", "Bea");
+    s.db.addIdentity("hidden", "gmail", "0@x", "Aaron");
+    s.db.exec(
+        "INSERT INTO exclusion_rule (id, scope, target_id) VALUES ('r1', 'source_identity', "
+        "'hidden')");
+    const Strings all{"i1", "i2", "i3", "i4", "i0"};
+    EXPECT_EQ(s.identities(" \n\t "), all);
+    EXPECT_EQ(s.identities("", 0), (Strings{"i1"}));
+    EXPECT_EQ(s.identities("", -5), (Strings{"i1"}));
+    EXPECT_EQ(s.identities("aaron"), Strings{});
+
+    // Marked different from i2 (either orientation, live, identity-identity) drops
+    // i1 and i3; a revoked or person-typed constraint does not drop i4 or i0. The
+    // constraint against "" would drop i0 if the empty exclusion were kept.
+    s.db.addDifferent("k1", "identity", "i2", "identity", "i1");
+    s.db.addDifferent("k2", "identity", "i3", "identity", "i2");
+    s.db.addDifferent("k3", "identity", "i2", "identity", "i4", "2021-01-01T00:00:00Z");
+    s.db.addDifferent("k4", "person", "i2", "person", "i0");
+    s.db.addDifferent("k5", "identity", "i0", "identity", "");
+    EXPECT_EQ(s.identities("", 50, {"", "i2"}), (Strings{"i2", "i4", "i0"}));
+    EXPECT_EQ(s.identities("", 50, {"i2", "i4"}), (Strings{"i2", "i4", "i0"}));
+}
+
+TEST(Search, PeopleAreUserStatedEligibleAndNotDifferentFromTheChosen) {
+    Store s;
+    s.addStatedPerson("owner", "Aaron");
+    s.db.exec("INSERT INTO owner_ego VALUES ('owner')");
+    s.addStatedPerson("head", "Abe");
+    s.addStatedPerson("old-head", "Old", "head");  // absorbed into head
+    s.addStatedPerson("chosen", "Zed");
+    s.addStatedPerson("old-chosen", "Old", "chosen");  // absorbed into chosen
+    s.db.addDifferent("k1", "person", "old-head", "person", "old-chosen");
+    s.addStatedPerson("ann", "Ann");
+    s.db.exec(
+        "INSERT INTO claim VALUES ('c-ann-2', 'ann', NULL, 'display_name', 'user_stated', 'x')");
+    s.addStatedPerson("unnamed", std::nullopt);
+    s.addStatedPerson("hidden", "Bea");
+    s.db.exec("INSERT INTO exclusion_rule (id, scope, target_id) VALUES ('r', 'person', 'hidden')");
+    s.addStatedPerson("carl", "Carl");
+    s.addStatedPerson("dora", "Dora");
+    s.db.addPerson("inferred-name", {}, "Cat");
+    s.db.exec(
+        "INSERT INTO claim VALUES ('c-in', 'inferred-name', NULL, 'display_name', 'inferred', "
+        "NULL)");
+    s.db.addPerson("not-stated", {}, "Cy", "identity_correction");
+    s.db.exec(
+        "INSERT INTO claim VALUES ('c-ns', 'not-stated', NULL, 'display_name', 'user_stated', "
+        "NULL)");
+
+    EXPECT_EQ(s.people(""), (Strings{"head", "ann", "carl", "dora", "chosen"}));
+    // head is skipped through the absorbed persons' constraint; the limit counts
+    // only what is returned, and reading stops once it is reached.
+    s.ownerEgo->calls = 0;
+    EXPECT_EQ(s.people("", 2, {"", "chosen"}), (Strings{"ann", "carl"}));
+    EXPECT_EQ(s.ownerEgo->calls, 4);  // Aaron, Abe, Ann, Carl
+    EXPECT_EQ(s.people("a", 0), (Strings{"head"}));
+}
+
+}  // namespace
+}  // namespace orvik::identity
