@@ -44,6 +44,14 @@ std::string confirmMembershipTo(const std::string& sourceIdentityID, const std::
                                 const std::string& because, const std::string& now,
                                 store::Connection& db);
 
+// Raises the error a correction gives for a link or merge response that is not a
+// success, through correctionRefusal with the operation's name ("confirm",
+// "separate"). A success status without an event reads as "linked" / "merged".
+[[noreturn]] void throwRefusal(std::string_view operation,
+                               const schema::LinkIdentityResponse& response);
+[[noreturn]] void throwRefusal(std::string_view operation,
+                               const schema::ProposeMergeResponse& response);
+
 // The maximum number of merged_into_person_id hops followed from a person.
 inline constexpr int kAbsorptionChainHops = 20;
 
@@ -117,6 +125,10 @@ class RepositoryCore {
                                                            ConstraintSubjectType bType,
                                                            const std::string& bID,
                                                            store::Connection& db);
+    // The ids of liveDifferentConstraintRows, appended to ids.
+    void appendLiveDifferentConstraintIDs(ConstraintSubjectType aType, const std::string& aID,
+                                          ConstraintSubjectType bType, const std::string& bID,
+                                          std::vector<std::string>& ids, store::Connection& db);
     // Live person-person constraints whose heads are the two persons' heads.
     std::vector<std::string> livePersonPairDifferentConstraintIDs(const std::string& personA,
                                                                   const std::string& personB,

@@ -101,6 +101,16 @@ std::vector<RepositoryCore::ConstraintRef> RepositoryCore::liveDifferentConstrai
     return rows;
 }
 
+void RepositoryCore::appendLiveDifferentConstraintIDs(ConstraintSubjectType aType,
+                                                      const std::string& aID,
+                                                      ConstraintSubjectType bType,
+                                                      const std::string& bID,
+                                                      std::vector<std::string>& ids,
+                                                      store::Connection& db) {
+    db.query(kLiveSymmetricDifferentIDs, symmetricParams(aType, aID, bType, bID),
+             [&](const store::Row& row) { ids.push_back(row.text(0)); });
+}
+
 std::vector<std::string> RepositoryCore::livePersonPairDifferentConstraintIDs(
     const std::string& personA, const std::string& personB, store::Connection& db) {
     const std::string headA = absorptionChainHead(personA, db);
@@ -205,8 +215,7 @@ std::vector<std::string> RepositoryCore::revokeLiveDifferentConstraints(
 
     std::vector<std::string> ids;
     for (const auto& [a, b] : pairs) {
-        db.query(kLiveSymmetricDifferentIDs, symmetricParams(a.first, a.second, b.first, b.second),
-                 [&](const store::Row& row) { ids.push_back(row.text(0)); });
+        appendLiveDifferentConstraintIDs(a.first, a.second, b.first, b.second, ids, db);
     }
     if (personA && personB) {
         auto throughHeads = livePersonPairDifferentConstraintIDs(*personA, *personB, db);

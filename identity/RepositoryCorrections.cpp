@@ -43,8 +43,8 @@ schema::MarkDifferentResponse refused(Taxonomy taxonomy, std::string message) {
                                          .taxonomy = taxonomy};
 }
 
-// The state text a confirmation gives the refusal mapping for a link or merge
-// response that is not a success.
+// The state text a correction gives the refusal mapping for a response that is
+// not a success.
 template <typename Response>
 std::string refusalState(const Response& response, typename Response::Status success,
                          std::string_view successText) {
@@ -62,16 +62,24 @@ std::string refusalState(const Response& response, typename Response::Status suc
 }
 
 template <typename Response>
-[[noreturn]] void failConfirmation(const Response& response, typename Response::Status success,
-                                   std::string_view successText) {
+[[noreturn]] void throwRefusalOf(std::string_view operation, const Response& response,
+                                 typename Response::Status success, std::string_view successText) {
     // The classification counts only together with a message.
     const auto taxonomy =
         response.message ? std::optional<Taxonomy>(response.taxonomy) : std::nullopt;
-    throw correctionRefusal("confirm", refusalState(response, success, successText), taxonomy,
+    throw correctionRefusal(operation, refusalState(response, success, successText), taxonomy,
                             response.message);
 }
 
 }  // namespace
+
+void throwRefusal(std::string_view operation, const schema::LinkIdentityResponse& response) {
+    throwRefusalOf(operation, response, schema::LinkIdentityResponse::Status::linked, "linked");
+}
+
+void throwRefusal(std::string_view operation, const schema::ProposeMergeResponse& response) {
+    throwRefusalOf(operation, response, schema::ProposeMergeResponse::Status::merged, "merged");
+}
 
 std::optional<std::string> RepositoryCore::connectingMergeEvent(const std::string& personA,
                                                                 const std::string& personB,
@@ -141,7 +149,7 @@ IdentityConfirmResult RepositoryCore::confirmCandidateCore(
             operationID, additionalRevokedConstraintIDs, db);
         using Status = schema::LinkIdentityResponse::Status;
         if (response.status != Status::linked || !response.mergeEventID) {
-            failConfirmation(response, Status::linked, "linked");
+            throwRefusal("confirm", response);
         }
         return *response.mergeEventID;
     };
@@ -175,7 +183,7 @@ IdentityConfirmResult RepositoryCore::confirmCandidateCore(
                          operationID, additionalRevokedConstraintIDs, db);
     using Status = schema::ProposeMergeResponse::Status;
     if (response.status != Status::merged || !response.mergeEventID) {
-        failConfirmation(response, Status::merged, "merged");
+        throwRefusal("confirm", response);
     }
     return {.personID = personA, .mergeEventIDs = {*response.mergeEventID}};
 }

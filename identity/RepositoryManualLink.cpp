@@ -14,42 +14,8 @@ namespace {
 
 // Statement texts are passed to SQLite exactly as written here; the statement
 // cache is keyed by them.
-const std::string kLiveSymmetricDifferentIDs =
-    "SELECT id FROM identity_constraint\n"
-    "WHERE kind = 'different' AND revoked_at IS NULL\n"
-    "  AND ((a_type = ? AND a_id = ? AND b_type = ? AND b_id = ?)\n"
-    "    OR (a_type = ? AND a_id = ? AND b_type = ? AND b_id = ?))";
-
 constexpr std::int64_t kPresetValue = 3000;
 const std::string kUserDirected = "user_directed";
-
-// The eight arguments of a symmetric match: (a, b) then (b, a).
-store::Params symmetricParams(ConstraintSubjectType aType, const std::string& aID,
-                              ConstraintSubjectType bType, const std::string& bID) {
-    const std::string a(rawValue(aType));
-    const std::string b(rawValue(bType));
-    return {a, aID, b, bID, b, bID, a, aID};
-}
-
-// A link or merge response that is not a success, as the error a manual link
-// raises. successText is the state of a success status that carries no event.
-template <typename Response>
-[[noreturn]] void failManualLink(const Response& response, typename Response::Status success,
-                                 const std::string& successText) {
-    using Status = typename Response::Status;
-    std::string state = "error";
-    if (response.status == Status::belowThresholdQuestion) {
-        state = "below_threshold_question";
-    } else if (response.status == Status::blockedDifferent) {
-        state = "blocked_different";
-    } else if (response.status == success) {
-        state = successText;
-    }
-    // The classification counts only together with a message.
-    const auto taxonomy =
-        response.message ? std::optional<Taxonomy>(response.taxonomy) : std::nullopt;
-    throw correctionRefusal("confirm", state, taxonomy, response.message);
-}
 
 void appendUnique(std::vector<std::string>& list, const std::string& value) {
     if (std::find(list.begin(), list.end(), value) == list.end()) {
@@ -122,17 +88,14 @@ IdentityConfirmResult RepositoryCore::confirmManualLinkTargetsCore(
         constexpr auto identity = ConstraintSubjectType::identity;
         constexpr auto person = ConstraintSubjectType::person;
         std::vector<std::string> collected;
-        auto collect = [&](const store::Params& params) {
-            db.query(kLiveSymmetricDifferentIDs, params,
-                     [&](const store::Row& row) { collected.push_back(row.text(0)); });
-        };
         for (std::size_t i = 0; i < identityRows.size(); ++i) {
             for (std::size_t j = i + 1; j < identityRows.size(); ++j) {
-                collect(
-                    symmetricParams(identity, identityRows[i].id, identity, identityRows[j].id));
+                appendLiveDifferentConstraintIDs(identity, identityRows[i].id, identity,
+                                                 identityRows[j].id, collected, db);
             }
             for (const auto& head : personHeads) {
-                collect(symmetricParams(identity, identityRows[i].id, person, head));
+                appendLiveDifferentConstraintIDs(identity, identityRows[i].id, person, head,
+                                                 collected, db);
             }
         }
         for (std::size_t k = 0; k < personHeads.size(); ++k) {
@@ -161,7 +124,7 @@ IdentityConfirmResult RepositoryCore::confirmManualLinkTargetsCore(
             operationID, mergeEventIDs.empty() ? revoked : std::vector<std::string>{}, db);
         using Status = schema::ProposeMergeResponse::Status;
         if (response.status != Status::merged || !response.mergeEventID) {
-            failManualLink(response, Status::merged, "merged");
+            throwRefusal("confirm", response);
         }
         mergeEventIDs.push_back(*response.mergeEventID);
     }
@@ -174,7 +137,7 @@ IdentityConfirmResult RepositoryCore::confirmManualLinkTargetsCore(
             operationID, recordsRevoked ? revoked : std::vector<std::string>{}, db);
         using Status = schema::LinkIdentityResponse::Status;
         if (response.status != Status::linked || !response.mergeEventID) {
-            failManualLink(response, Status::linked, "linked");
+            throwRefusal("confirm", response);
         }
         mergeEventIDs.push_back(*response.mergeEventID);
     }

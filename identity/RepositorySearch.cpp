@@ -114,9 +114,6 @@ SearchInputs normalised(const std::string& query, std::int64_t limit,
     return inputs;
 }
 
-// Thrown from a row callback to stop reading once the result is full.
-struct ResultFull {};
-
 }  // namespace
 
 std::string RepositoryCore::escapedLikePattern(std::string_view text) {
@@ -188,34 +185,28 @@ std::vector<LinkablePersonRow> RepositoryCore::searchUserStatedPeople(
     // reading stops as soon as the result is full.
     std::vector<LinkablePersonRow> people;
     const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
-    try {
-        db.query(sql, params, [&](const store::Row& row) {
-            // Columns by position: p.id, p.display_name, p.created_at.
-            if (row.isNull(1)) {
-                return;
+    db.queryWhile(sql, params, [&](const store::Row& row) {
+        if (row.isNull("display_name")) {
+            return true;
+        }
+        const std::string id = row.text("id");
+        if (personContainsOwnerIdentity(id, db)) {
+            return true;
+        }
+        for (const auto& excluded : inputs.exclusions) {
+            if (excluded != id &&
+                hasDifferentConstraint(ConstraintSubjectType::person, id,
+                                       ConstraintSubjectType::person, excluded, db)) {
+                return true;
             }
-            const std::string id = row.text(0);
-            if (personContainsOwnerIdentity(id, db)) {
-                return;
-            }
-            for (const auto& excluded : inputs.exclusions) {
-                if (excluded != id &&
-                    hasDifferentConstraint(ConstraintSubjectType::person, id,
-                                           ConstraintSubjectType::person, excluded, db)) {
-                    return;
-                }
-            }
-            people.push_back(LinkablePersonRow{
-                .id = id,
-                .displayName = row.text(1),
-                .createdAt = row.text(2),
-            });
-            if (people.size() >= limitCount) {
-                throw ResultFull{};
-            }
+        }
+        people.push_back(LinkablePersonRow{
+            .id = id,
+            .displayName = row.text("display_name"),
+            .createdAt = row.text("created_at"),
         });
-    } catch (const ResultFull&) {
-    }
+        return people.size() < limitCount;
+    });
     return people;
 }
 

@@ -37,29 +37,6 @@ const std::string kSetEventSnapshot =
 const std::string kSeparatedByUser = "separated_by_user";
 const std::string kPersonLineage = "person";
 
-// A link response that is not a success, as the error a separation raises.
-[[noreturn]] void failSeparation(const schema::LinkIdentityResponse& response) {
-    using Status = schema::LinkIdentityResponse::Status;
-    std::string state = "error";
-    switch (response.status) {
-        case Status::belowThresholdQuestion:
-            state = "below_threshold_question";
-            break;
-        case Status::blockedDifferent:
-            state = "blocked_different";
-            break;
-        case Status::linked:
-            state = "linked";
-            break;
-        case Status::error:
-            break;
-    }
-    // The classification counts only together with a message.
-    const auto taxonomy =
-        response.message ? std::optional<Taxonomy>(response.taxonomy) : std::nullopt;
-    throw correctionRefusal("separate", state, taxonomy, response.message);
-}
-
 }  // namespace
 
 IdentityConfirmResult RepositoryCore::separateIdentityCore(const std::string& sourceIdentityID,
@@ -92,7 +69,7 @@ IdentityConfirmResult RepositoryCore::separateIdentityCore(const std::string& so
         schema::LinkIdentityRequest{.personID = stub, .sourceIdentityID = s, .confirmed = true},
         operationID, {}, db);
     if (response.status != schema::LinkIdentityResponse::Status::linked || !response.mergeEventID) {
-        failSeparation(response);
+        throwRefusal("separate", response);
     }
     const std::string eventID = *response.mergeEventID;
     db.run(kSetEventBecause, {kSeparatedByUser, eventID});

@@ -321,6 +321,15 @@ void Connection::query(const std::string& sql, const Params& params,
     }
 }
 
+void Connection::queryWhile(const std::string& sql, const Params& params,
+                            const std::function<bool(const Row&)>& onRow) {
+    auto statement = acquire(sql);
+    statement->bind(params);
+    const Row row(statement->stmt_);
+    while (statement->step() && onRow(row)) {
+    }
+}
+
 std::optional<std::int64_t> Connection::scalarInteger(const std::string& sql,
                                                       const Params& params) {
     auto statement = acquire(sql);

@@ -169,6 +169,10 @@ class Connection {
     void query(const std::string& sql, const Params& params,
                const std::function<void(const Row&)>& onRow);
 
+    // As query, but stops reading as soon as onRow returns false.
+    void queryWhile(const std::string& sql, const Params& params,
+                    const std::function<bool(const Row&)>& onRow);
+
     // The first row's first column as an integer; absent when there is no row or
     // the value is NULL. Useful for "SELECT EXISTS(...)" and "SELECT count(*) > 0".
     std::optional<std::int64_t> scalarInteger(const std::string& sql, const Params& params = {});
