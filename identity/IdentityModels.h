@@ -272,7 +272,7 @@ struct IdentityCandidateSuggestionResult {
 // never throws; it may take its time, so callers keep it off the user-interface
 // thread.
 class IdentityCandidateProposing {
-public:
+  public:
     virtual ~IdentityCandidateProposing() = default;
     virtual IdentityCandidateSuggestionResult proposeCandidates(
         const std::string& personName, const std::vector<IdentityCandidateContext>& contexts) = 0;

@@ -175,9 +175,9 @@ std::vector<UndoMergeResult> IdentityRepository::undoConfirmation(
     auto results = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
         return core.undoConfirmationCore(mergeEventIDs, db);
     });
-    auto undone = event(Witness::Kind::undoConfirmation,
-                        static_cast<std::int64_t>(mergeEventIDs.size()),
-                        static_cast<std::int64_t>(results.size()));
+    auto undone =
+        event(Witness::Kind::undoConfirmation, static_cast<std::int64_t>(mergeEventIDs.size()),
+              static_cast<std::int64_t>(results.size()));
     for (const auto& result : results) {
         undone.restoredPersonCount += result.restoredPersonID ? 1 : 0;
         undone.restoredMembershipCount += result.restoredMembershipCount;
@@ -202,8 +202,7 @@ IdentityConfirmResult IdentityRepository::confirmManualLink(const SourceIdentity
     const std::string operationID = newIdentifier();
     std::int64_t absorbed = 0;
     auto result = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        auto linked =
-            core.confirmManualLinkCore(a, b, operationID, subjectLineage, subjectID, db);
+        auto linked = core.confirmManualLinkCore(a, b, operationID, subjectLineage, subjectID, db);
         absorbed = core.absorbedPersonCount(operationID, db);
         return linked;
     });
@@ -265,8 +264,8 @@ IdentityConfirmResult IdentityRepository::confirmManualLink(
     const std::string operationID = newIdentifier();
     std::int64_t absorbed = 0;
     auto result = writeOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        auto linked = core.confirmManualLinkTargetsCore(distinct, operationID, subjectLineage,
-                                                        subjectID, db);
+        auto linked =
+            core.confirmManualLinkTargetsCore(distinct, operationID, subjectLineage, subjectID, db);
         absorbed = core.absorbedPersonCount(operationID, db);
         return linked;
     });
@@ -333,7 +332,8 @@ std::vector<SourceIdentityRow> IdentityRepository::searchSourceIdentities(
 }
 
 std::vector<LinkablePersonRow> IdentityRepository::searchUserStatedPeople(
-    const std::string& query, std::int64_t limit, const std::vector<std::string>& excludingPersonIDs) {
+    const std::string& query, std::int64_t limit,
+    const std::vector<std::string>& excludingPersonIDs) {
     return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
         return core.searchUserStatedPeople(query, limit, excludingPersonIDs, db);
     });

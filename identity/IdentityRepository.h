@@ -59,7 +59,7 @@ class IdentityRepository {
     // with the state, decider and reason of the identity's own membership.
     std::optional<ResolvedPerson> resolveCanonicalPerson(const std::string& sourceIdentityID);
 
-      // --- Corrections. Each runs in one write transaction; an error rolls back
+    // --- Corrections. Each runs in one write transaction; an error rolls back
     // everything, including stub persons and revoked constraints, and emits no
     // witness event.
 
@@ -151,7 +151,7 @@ class IdentityRepository {
     // Diagnostic counts; an unavailable candidate section is reported in the record.
     IdentityCorrectionCounts identityCorrectionsReadback();
 
-private:
+  private:
     // Runs fn(core, connection) in a read transaction, serialised with every other
     // operation of this repository.
     template <typename F>

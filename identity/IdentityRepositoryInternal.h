@@ -55,6 +55,23 @@ std::string confirmMembershipTo(const std::string& sourceIdentityID, const std::
 // The maximum number of merged_into_person_id hops followed from a person.
 inline constexpr int kAbsorptionChainHops = 20;
 
+class RepositoryCore;
+
+// Answers hasDifferentConstraint for pairs of persons, many times within one
+// transaction: the live person-person constraints are scanned and their heads
+// resolved once, on first use. Only valid while nothing writes constraints or
+// persons, as in a read that checks many rows.
+class PersonDifferenceIndex {
+  public:
+    PersonDifferenceIndex(RepositoryCore& core, store::Connection& db) : core_(core), db_(db) {}
+    bool differ(const std::string& personA, const std::string& personB);
+
+  private:
+    RepositoryCore& core_;
+    store::Connection& db_;
+    std::optional<std::set<std::pair<std::string, std::string>>> headPairs_;
+};
+
 class RepositoryCore {
   public:
     explicit RepositoryCore(host::HostServices services);
@@ -148,7 +165,7 @@ class RepositoryCore {
         const std::optional<std::string>& personA, const std::optional<std::string>& personB,
         const std::string& revokedAt, store::Connection& db);
 
-      // --- Identity link ---------------------------------------------------------------
+    // --- Identity link ---------------------------------------------------------------
 
     // Links one identity to one person. Refusals are responses; nothing is written
     // before a refusal except in the post-condition case. Throws
@@ -202,9 +219,10 @@ class RepositoryCore {
     // Undoes the events in the given order, then applies the no-reabsorption guard.
     std::vector<UndoMergeResult> undoConfirmationCore(const std::vector<std::string>& mergeEventIDs,
                                                       store::Connection& db);
-    void applyNoReabsorptionGuard(const std::set<std::string>& affectedIdentityIDs,
-                                  const std::map<std::string, std::string>& preBatchPersonIDByIdentity,
-                                  const std::string& decidedAt, store::Connection& db);
+    void applyNoReabsorptionGuard(
+        const std::set<std::string>& affectedIdentityIDs,
+        const std::map<std::string, std::string>& preBatchPersonIDByIdentity,
+        const std::string& decidedAt, store::Connection& db);
     // The person automatic ingestion creates for a lone identity:
     // stableID("person-auto", "email" or "phone", handle).
     static std::string automaticPersonID(const SourceIdentityRow& identity);
@@ -229,7 +247,8 @@ class RepositoryCore {
     void rejectCandidateWrite(const IdentityCandidate& candidate, SubjectLineage subjectLineage,
                               const std::string& subjectID, store::Connection& db);
     // Persons absorbed by the operation's events; -1 when the count fails.
-    std::int64_t absorbedPersonCount(const std::string& operationID, store::Connection& db) noexcept;
+    std::int64_t absorbedPersonCount(const std::string& operationID,
+                                     store::Connection& db) noexcept;
 
     // --- Candidates and context --------------------------------------------------
 
@@ -256,8 +275,7 @@ class RepositoryCore {
     // Moves the identity into a new stub person, marks it different from every
     // identity that stays behind, and rewrites the link event as a separation.
     IdentityConfirmResult separateIdentityCore(const std::string& sourceIdentityID,
-                                               const std::string& subjectID,
-                                               store::Connection& db);
+                                               const std::string& subjectID, store::Connection& db);
 
     // --- Manual link ----------------------------------------------------------------
 
@@ -273,12 +291,9 @@ class RepositoryCore {
         }
     };
 
-    IdentityConfirmResult confirmManualLinkCore(const SourceIdentityRow& a,
-                                                const SourceIdentityRow& b,
-                                                const std::string& operationID,
-                                                SubjectLineage subjectLineage,
-                                                const std::string& subjectID,
-                                                store::Connection& db);
+    IdentityConfirmResult confirmManualLinkCore(
+        const SourceIdentityRow& a, const SourceIdentityRow& b, const std::string& operationID,
+        SubjectLineage subjectLineage, const std::string& subjectID, store::Connection& db);
     // Targets must be distinct and include at least one person.
     IdentityConfirmResult confirmManualLinkTargetsCore(const std::vector<ManualLinkTarget>& targets,
                                                        const std::string& operationID,
@@ -297,9 +312,9 @@ class RepositoryCore {
     // --- Owner aliases --------------------------------------------------------------
 
     // Declares each identity (duplicates kept) and records what was inserted.
-    OwnerAliasDeclarationOutcome declareOwnerAliasCore(const std::vector<std::string>& sourceIdentityIDs,
-                                                       const std::string& subjectID,
-                                                       store::Connection& db);
+    OwnerAliasDeclarationOutcome declareOwnerAliasCore(
+        const std::vector<std::string>& sourceIdentityIDs, const std::string& subjectID,
+        store::Connection& db);
     // Removes exactly what the mutation records.
     void undoOwnerAliasMutationCore(const OwnerAliasMutation& mutation, store::Connection& db);
 
@@ -335,7 +350,7 @@ class RepositoryCore {
         const std::string& query, std::int64_t limit,
         const std::vector<std::string>& excludingPersonIDs, store::Connection& db);
 
-private:
+  private:
     host::HostServices services_;
 };
 

@@ -59,6 +59,7 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
     });
 
     std::vector<IdentityCandidate> result;
+    PersonDifferenceIndex personDifferences(*this, db);
     for (const auto& [aID, bID] : pairs) {
         if (static_cast<std::int64_t>(result.size()) >= limit) {
             break;
@@ -85,8 +86,7 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
             continue;
         }
         if (memA && memB &&
-            hasDifferentConstraint(ConstraintSubjectType::person, memA->canonicalPersonID,
-                                   ConstraintSubjectType::person, memB->canonicalPersonID, db)) {
+            personDifferences.differ(memA->canonicalPersonID, memB->canonicalPersonID)) {
             continue;
         }
         const IdentityFeatures features{

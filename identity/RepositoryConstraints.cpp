@@ -3,6 +3,7 @@
 // constraints that name archive participants.
 #include <algorithm>
 #include <set>
+#include <unordered_map>
 #include <utility>
 
 #include "identity/IdentityRepositoryInternal.h"
@@ -61,11 +62,51 @@ bool samePair(const std::string& x1, const std::string& y1, const std::string& x
     return (x1 == x2 && y1 == y2) || (x1 == y2 && y1 == x2);
 }
 
+// Absorption heads resolved once per person within one scan: a person named by
+// many constraints is walked once, and nothing changes during the scan.
+class HeadCache {
+  public:
+    HeadCache(RepositoryCore& core, store::Connection& db) : core_(core), db_(db) {}
+    const std::string& of(const std::string& personID) {
+        auto it = heads_.find(personID);
+        if (it == heads_.end()) {
+            it = heads_.emplace(personID, core_.absorptionChainHead(personID, db_)).first;
+        }
+        return it->second;
+    }
+
+  private:
+    RepositoryCore& core_;
+    store::Connection& db_;
+    std::unordered_map<std::string, std::string> heads_;
+};
+
 bool contains(const std::vector<std::string>& list, const std::string& value) {
     return std::find(list.begin(), list.end(), value) != list.end();
 }
 
 }  // namespace
+
+bool PersonDifferenceIndex::differ(const std::string& personA, const std::string& personB) {
+    const std::string headA = core_.absorptionChainHead(personA, db_);
+    const std::string headB = core_.absorptionChainHead(personB, db_);
+    if (headA == headB) {
+        return false;
+    }
+    if (!headPairs_) {
+        std::vector<std::pair<std::string, std::string>> ends;
+        db_.query(kLivePersonPairEnds, {},
+                  [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
+        HeadCache heads(core_, db_);
+        headPairs_.emplace();
+        for (const auto& [a, b] : ends) {
+            const auto& x = heads.of(a);
+            const auto& y = heads.of(b);
+            headPairs_->emplace(std::min(x, y), std::max(x, y));
+        }
+    }
+    return headPairs_->count({std::min(headA, headB), std::max(headA, headB)}) > 0;
+}
 
 bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const std::string& aID,
                                             ConstraintSubjectType bType, const std::string& bID,
@@ -82,8 +123,9 @@ bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const s
     db.query(kLivePersonPairEnds, {},
              [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
     // Heads are resolved after the scan so that no statement runs inside its row loop.
+    HeadCache heads(*this, db);
     for (const auto& [a, b] : ends) {
-        if (samePair(absorptionChainHead(a, db), absorptionChainHead(b, db), headA, headB)) {
+        if (samePair(heads.of(a), heads.of(b), headA, headB)) {
             return true;
         }
     }
@@ -101,12 +143,9 @@ std::vector<RepositoryCore::ConstraintRef> RepositoryCore::liveDifferentConstrai
     return rows;
 }
 
-void RepositoryCore::appendLiveDifferentConstraintIDs(ConstraintSubjectType aType,
-                                                      const std::string& aID,
-                                                      ConstraintSubjectType bType,
-                                                      const std::string& bID,
-                                                      std::vector<std::string>& ids,
-                                                      store::Connection& db) {
+void RepositoryCore::appendLiveDifferentConstraintIDs(
+    ConstraintSubjectType aType, const std::string& aID, ConstraintSubjectType bType,
+    const std::string& bID, std::vector<std::string>& ids, store::Connection& db) {
     db.query(kLiveSymmetricDifferentIDs, symmetricParams(aType, aID, bType, bID),
              [&](const store::Row& row) { ids.push_back(row.text(0)); });
 }
@@ -126,8 +165,9 @@ std::vector<std::string> RepositoryCore::livePersonPairDifferentConstraintIDs(
         candidates.push_back({row.text("id"), row.text("a_id"), row.text("b_id")});
     });
     std::vector<std::string> ids;
+    HeadCache heads(*this, db);
     for (const auto& c : candidates) {
-        if (samePair(absorptionChainHead(c.a, db), absorptionChainHead(c.b, db), headA, headB)) {
+        if (samePair(heads.of(c.a), heads.of(c.b), headA, headB)) {
             ids.push_back(c.id);
         }
     }

@@ -185,6 +185,7 @@ std::vector<LinkablePersonRow> RepositoryCore::searchUserStatedPeople(
     // reading stops as soon as the result is full.
     std::vector<LinkablePersonRow> people;
     const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
+    PersonDifferenceIndex personDifferences(*this, db);
     db.queryWhile(sql, params, [&](const store::Row& row) {
         if (row.isNull("display_name")) {
             return true;
@@ -194,9 +195,7 @@ std::vector<LinkablePersonRow> RepositoryCore::searchUserStatedPeople(
             return true;
         }
         for (const auto& excluded : inputs.exclusions) {
-            if (excluded != id &&
-                hasDifferentConstraint(ConstraintSubjectType::person, id,
-                                       ConstraintSubjectType::person, excluded, db)) {
+            if (excluded != id && personDifferences.differ(id, excluded)) {
                 return true;
             }
         }

@@ -48,3 +48,19 @@ exec_one <<REQUESTS
 {"id": "undo", "op": "undoConfirmation", "args": {"mergeEventIDs": $events}}
 {"id": "after-undo", "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-unlinked"}}
 REQUESTS
+
+echo "== orvik-identity demo: a realistic sample store"
+demo=build/sample/demo.db
+rm -f "$demo" "$demo-wal" "$demo-shm"
+summary=$("$cli" demo --db "$demo" --key "$key")
+echo "$summary"
+person=$(echo "$summary" | grep -m1 -oE '[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}')
+
+echo "== candidates waiting for the user"
+"$cli" candidates --db "$demo" --key "$key" --limit 5
+echo "== search"
+"$cli" search --db "$demo" --key "$key" garcia --limit 5
+echo "== history of a corrected person"
+"$cli" history --db "$demo" --key "$key" --person "$person"
+echo "== readback"
+"$cli" readback --db "$demo" --key "$key"
