@@ -38,6 +38,13 @@ auto IdentityRepository::readOperation(F&& fn) {
     return pool_->read([&](store::Connection& db) { return fn(*core_, db); });
 }
 
+template <auto Method, typename... Args>
+auto IdentityRepository::readCore(const Args&... args) {
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return (core.*Method)(args..., db);
+    });
+}
+
 template <typename F>
 auto IdentityRepository::writeOperation(F&& fn) {
     return pool_->write([&](store::Connection& db) { return fn(*core_, db); });
@@ -50,49 +57,35 @@ void IdentityRepository::emit(const IdentityCorrectionWitness::Event& event) con
 }
 
 std::optional<SourceIdentityRow> IdentityRepository::sourceIdentity(const std::string& id) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.sourceIdentityRow(id, db);
-    });
+    return readCore<&internal::RepositoryCore::sourceIdentityRow>(id);
 }
 
 std::optional<PersonRow> IdentityRepository::person(const std::string& id) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.personRow(id, db);
-    });
+    return readCore<&internal::RepositoryCore::personRow>(id);
 }
 
 std::optional<IdentityMembershipRow> IdentityRepository::activeMembership(
     const std::string& sourceIdentityID) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.activeMembershipRow(sourceIdentityID, db);
-    });
+    return readCore<&internal::RepositoryCore::activeMembershipRow>(sourceIdentityID);
 }
 
 std::vector<IdentityMembershipRow> IdentityRepository::activeMemberships(
     const std::string& personID) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.activeMembershipRows(personID, db);
-    });
+    return readCore<&internal::RepositoryCore::activeMembershipRows>(personID);
 }
 
 std::optional<MergeEventRow> IdentityRepository::mergeEvent(const std::string& id) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.mergeEventRow(id, db);
-    });
+    return readCore<&internal::RepositoryCore::mergeEventRow>(id);
 }
 
 std::optional<MergeEventRow> IdentityRepository::latestUndoableMergeEvent(
     const std::string& personID) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.latestUndoableMergeEventRow(personID, db);
-    });
+    return readCore<&internal::RepositoryCore::latestUndoableMergeEventRow>(personID);
 }
 
 std::optional<ResolvedPerson> IdentityRepository::resolveCanonicalPerson(
     const std::string& sourceIdentityID) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.resolveCanonicalPerson(sourceIdentityID, db);
-    });
+    return readCore<&internal::RepositoryCore::resolveCanonicalPerson>(sourceIdentityID);
 }
 
 using Witness = IdentityCorrectionWitness;
@@ -276,9 +269,7 @@ IdentityConfirmResult IdentityRepository::confirmManualLink(
 
 std::optional<ManualLinkSurvivorPrediction> IdentityRepository::predictManualLinkSurvivor(
     const std::vector<ManualLinkTarget>& targets) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.predictManualLinkSurvivor(targets, db);
-    });
+    return readCore<&internal::RepositoryCore::predictManualLinkSurvivor>(targets);
 }
 
 IdentityConfirmResult IdentityRepository::separateIdentity(const std::string& sourceIdentityID,
@@ -326,36 +317,28 @@ void IdentityRepository::undoOwnerAliasMutation(const OwnerAliasMutation& mutati
 std::vector<SourceIdentityRow> IdentityRepository::searchSourceIdentities(
     const std::string& query, std::int64_t limit,
     const std::vector<std::string>& excludingSourceIdentityIDs) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.searchSourceIdentities(query, limit, excludingSourceIdentityIDs, db);
-    });
+    return readCore<&internal::RepositoryCore::searchSourceIdentities>(query, limit,
+                                                                       excludingSourceIdentityIDs);
 }
 
 std::vector<LinkablePersonRow> IdentityRepository::searchUserStatedPeople(
     const std::string& query, std::int64_t limit,
     const std::vector<std::string>& excludingPersonIDs) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.searchUserStatedPeople(query, limit, excludingPersonIDs, db);
-    });
+    return readCore<&internal::RepositoryCore::searchUserStatedPeople>(query, limit,
+                                                                       excludingPersonIDs);
 }
 
 std::vector<IdentityCandidate> IdentityRepository::exactKeyCandidates(std::int64_t limit) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.exactKeyCandidates(limit, db);
-    });
+    return readCore<&internal::RepositoryCore::exactKeyCandidates>(limit);
 }
 
 std::optional<IdentityCandidateContext> IdentityRepository::candidateContext(
     const std::string& sourceIdentityID, const std::vector<std::string>& relativeTo) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.candidateContext(sourceIdentityID, relativeTo, db);
-    });
+    return readCore<&internal::RepositoryCore::candidateContext>(sourceIdentityID, relativeTo);
 }
 
 std::vector<IdentityHistoryEntry> IdentityRepository::identityHistory(const std::string& personID) {
-    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
-        return core.identityHistory(personID, db);
-    });
+    return readCore<&internal::RepositoryCore::identityHistory>(personID);
 }
 
 IdentityCorrectionCounts IdentityRepository::identityCorrectionsReadback() {

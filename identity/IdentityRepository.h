@@ -156,6 +156,9 @@ class IdentityRepository {
     // operation of this repository.
     template <typename F>
     auto readOperation(F&& fn);
+    // Runs the core read Method(args..., connection) as a read operation.
+    template <auto Method, typename... Args>
+    auto readCore(const Args&... args);
     // Runs fn(core, connection) in a write transaction; the caller holds its turn.
     template <typename F>
     auto writeOperation(F&& fn);

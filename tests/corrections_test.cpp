@@ -6,263 +6,167 @@
 namespace orvik::identity {
 namespace {
 
-using Case = IdentityStoreError::Case;
 using Event = IdentityCorrectionWitness::Event;
 using Kind = IdentityCorrectionWitness::Kind;
 using Rows = std::vector<std::string>;
 
-Event witness(Kind kind, std::int64_t mergeEvents = 0, std::int64_t absorbed = 0,
-              std::optional<std::string> operationID = std::nullopt) {
-    return Event{.kind = kind,
-                 .identityCount = 2,
-                 .mergeEventCount = mergeEvents,
-                 .absorbedPersonCount = absorbed,
-                 .restoredPersonCount = 0,
-                 .restoredMembershipCount = 0,
-                 .operationID = std::move(operationID)};
-}
-
 schema::MarkDifferentResponse refused(const char* message, Taxonomy taxonomy) {
-    return {
-        .constraintID = std::nullopt, .refused = true, .message = message, .taxonomy = taxonomy};
+    return {std::nullopt, true, message, taxonomy};
+}
+schema::MarkDifferentRequest markDifferent(const std::string& a, const std::string& b) {
+    return {"not the same", 3000, a, b, "subj", SubjectLineage::person};
 }
 
-schema::MarkDifferentRequest markDifferentRequest(const std::string& a, const std::string& b) {
-    return {.reason = "not the same",
-            .presetValue = 3000,
-            .personIDA = a,
-            .personIDB = b,
-            .subjectID = "subj",
-            .subjectLineage = SubjectLineage::person};
-}
-
-// Two identities a and b, persons pa and pb, and a repository that records its
-// witness events. Each test seeds the memberships it needs.
+// Two identities a and b, persons pa and pb, the memberships given, and a
+// repository that records its witness events.
 struct Store {
     test::TestDatabase db;
     std::vector<Event> events;
     IdentityRepository repo{db.sharedPool(), [this](const Event& e) { events.push_back(e); }};
-
-    Store() {
+    explicit Store(const char* personA = nullptr, const char* personB = nullptr) {
         db.addIdentity("a", "email", "a@x");
         db.addIdentity("b", "phone", "+2");
         db.addPerson("pa");
         db.addPerson("pb");
-        db.exec("INSERT INTO thread_participant VALUES ('t', 'a'), ('t', 'b')");
+        for (const auto& [id, person] : {std::pair{"a", personA}, {"b", personB}}) {
+            if (person) {
+                db.addMembership(std::string("m") + id, id, person);
+            }
+        }
     }
 
     IdentityCandidate candidate() {
-        return {.sourceIdentityA = *repo.sourceIdentity("a"),
-                .sourceIdentityB = *repo.sourceIdentity("b"),
-                .existingPersonID = std::nullopt,
-                .score = 0.9,
-                .because = "same name"};
+        return {*repo.sourceIdentity("a"), *repo.sourceIdentity("b"), std::nullopt, 0.9, "why"};
     }
-
-    void attach(const char* personA, const char* personB) {
-        if (personA) {
-            db.addMembership("ma", "a", personA);
-        }
-        if (personB) {
-            db.addMembership("mb", "b", personB);
-        }
-    }
-
-    std::optional<std::string> personOf(const std::string& identity) {
-        const auto m = repo.activeMembership(identity);
-        return m ? std::optional(m->canonicalPersonID) : std::nullopt;
-    }
-
-    // Runs fn, which must throw `expected`, and checks that it left nothing behind.
-    template <typename F>
-    void expectFailure(F&& fn, const IdentityStoreError& expected) {
-        const std::string before = db.dump();
-        try {
-            fn();
-            ADD_FAILURE() << "no error";
-        } catch (const IdentityStoreError& e) {
-            EXPECT_EQ(e, expected) << e.what();
-        }
-        EXPECT_EQ(db.dump(), before);
-        EXPECT_TRUE(events.empty());
+    // The persons a and b belong to now.
+    Rows persons() {
+        return db.rows(
+            "SELECT canonical_person_id FROM identity_membership WHERE ended_at IS "
+            "NULL AND state = 'confirmed' ORDER BY source_identity_id");
     }
 };
 
-TEST(ConfirmCandidate, JoinsTheTwoIdentitiesInEachOfTheFiveSituations) {
+// Confirming joins a and b. Rejecting records "different" between the persons
+// when a and b have two, else between the identities, which keep their memberships.
+TEST(ConfirmOrRejectCandidate, EachOfTheFiveSituations) {
     struct Row {
-        const char* name;
-        const char *personA, *personB;  // seeded memberships
-        const char* expectedPerson;     // null: a new stub person
+        const char *name, *personA, *personB, *expectedPerson;  // null person: a new stub
         std::int64_t events, absorbed;
+        const char* rejected;  // the constraint and the correction's target a reject records
     };
-    const std::vector<Row> rows = {
-        {"neither attached", nullptr, nullptr, nullptr, 2, 0},
-        {"only b attached", nullptr, "pb", "pb", 1, 0},
-        {"only a attached", "pa", nullptr, "pa", 1, 0},
-        {"same person", "pa", "pa", "pa", 0, 0},
-        {"different persons: a's survives", "pa", "pb", "pa", 1, 1},
-    };
-    for (const auto& row : rows) {
+    const char* identities = "identity|a|identity|b|source_identity|b";
+    for (const Row& row : std::vector<Row>{
+             {"neither attached", nullptr, nullptr, nullptr, 2, 0, identities},
+             {"only b attached", nullptr, "pb", "pb", 1, 0, identities},
+             {"only a attached", "pa", nullptr, "pa", 1, 0, identities},
+             {"same person", "pa", "pa", "pa", 0, 0, identities},
+             {"different persons", "pa", "pb", "pa", 1, 1, "person|pa|person|pb|person|pb"},
+         }) {
         SCOPED_TRACE(row.name);
-        Store s;
-        s.attach(row.personA, row.personB);
-        const std::string before = s.db.dump();
-
+        Store s(row.personA, row.personB);
         const auto result = s.repo.confirmCandidate(s.candidate(), SubjectLineage::person, "subj");
         EXPECT_EQ(result.personID, row.expectedPerson ? row.expectedPerson : result.personID);
         EXPECT_EQ(
-            s.db.rows("SELECT id, tier, created_from FROM person WHERE id NOT IN ('pa', 'pb')"),
-            row.expectedPerson ? Rows{} : Rows{result.personID + "|stub|identity_correction"});
-        EXPECT_EQ(s.personOf("a"), result.personID);
-        EXPECT_EQ(s.personOf("b"), result.personID);
-
-        ASSERT_EQ(s.events.size(), 1u);
-        const auto& op = s.events[0].operationID;
-        ASSERT_TRUE(op && op->size() == 36);
-        EXPECT_EQ(s.events[0], witness(Kind::confirmCandidate, row.events, row.absorbed, op));
-        // Every event carries the operation id; the result lists them in order.
-        EXPECT_EQ(s.db.rows("SELECT id FROM merge_event ORDER BY rowid"), result.mergeEventIDs);
-        EXPECT_EQ(s.db.rows("SELECT DISTINCT operation_id FROM merge_event"),
-                  row.events ? Rows{*op} : Rows{});
-        if (row.events == 0) {
-            EXPECT_EQ(s.db.dump(), before);
-        } else if (row.events == 2) {  // a's link comes first
-            EXPECT_EQ(s.db.rows("SELECT because FROM merge_event ORDER BY rowid"),
-                      (Rows{"user confirmed", "1 shared thread"}));
-        } else if (row.absorbed == 1) {
-            EXPECT_EQ(s.db.rows("SELECT merged_into_person_id FROM person WHERE id = 'pb'"),
-                      Rows{"pa"});
-            EXPECT_EQ(s.db.rows("SELECT target_id, subject_lineage, subject_id FROM "
-                                "user_correction"),
-                      Rows{"pb|person|subj"});
-        }
+            s.db.rows("SELECT created_from FROM person WHERE id = " + test::sql(result.personID)),
+            Rows{row.expectedPerson ? "user_stated" : "identity_correction"});
+        EXPECT_EQ(s.persons(), Rows(2, result.personID));
+        EXPECT_EQ(s.db.rows("SELECT count(*) FROM person WHERE merged_into_person_id = 'pa'"),
+                  Rows{std::to_string(row.absorbed)});
+        // One witness event; every merge event carries its operation id, in order.
+        const auto op = s.events.empty() ? std::nullopt : s.events[0].operationID;
+        ASSERT_TRUE(op);
+        EXPECT_EQ(
+            s.events,
+            (std::vector<Event>{{Kind::confirmCandidate, 2, row.events, row.absorbed, 0, 0, op}}));
+        EXPECT_EQ(s.db.rows("SELECT id FROM merge_event WHERE operation_id = " + test::sql(*op) +
+                            " ORDER BY rowid"),
+                  result.mergeEventIDs);
+        EXPECT_EQ(s.db.rows("SELECT count(*) FROM merge_event"), Rows{std::to_string(row.events)});
+        Store r(row.personA, row.personB);  // the same pair, rejected instead
+        const auto untouched = r.db.dump({"identity_membership", "person", "merge_event"});
+        r.repo.rejectCandidate(r.candidate(), SubjectLineage::grouping, "subj");
+        EXPECT_EQ(
+            r.db.rows("SELECT c.a_type, c.a_id, c.b_type, c.b_id, u.target_type, u.target_id, "
+                      "c.kind, c.decided_by, c.revoked_at, u.action, u.subject_lineage "
+                      "FROM identity_constraint c, user_correction u"),
+            Rows{row.rejected + std::string("|different|user|NULL|different_person|grouping")});
+        EXPECT_EQ(r.db.dump({"identity_membership", "person", "merge_event"}), untouched);
+        EXPECT_EQ(r.events, (std::vector<Event>{{Kind::rejectCandidate, 2, 0, 0, 0, 0, {}}}));
     }
 }
 
-TEST(ConfirmCandidate, FailuresRollBackEverythingAndEmitNothing) {
+// Confirm and reject failures roll everything back and emit nothing.
+TEST(ConfirmOrRejectCandidate, FailuresRollBackEverythingAndEmitNothing) {
+    const auto owner = IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
+    const auto blocked = IdentityStoreError(IdentityStoreError::Case::blockedDifferent);
     struct Row {
-        const char* name;
-        const char *personA, *personB;
+        const char *name, *personA, *personB;
         std::string setup;
         IdentityStoreError expected;
+        bool reject = false;
     };
-    const auto owner = IdentityStoreError(Case::ownerIdentityUnmergeable);
-    const auto blocked = IdentityStoreError(Case::blockedDifferent);
-    const std::vector<Row> rows = {
-        // Checked before the stub person of the neither-attached case is created.
-        {"a is a connected account", nullptr, nullptr,
-         "INSERT INTO source_account VALUES ('email', 'a@x');", owner},
-        // Refused although two members of one person would need no write.
-        {"b is an owner alias", "pa", "pa",
-         "INSERT INTO owner_alias (source_type, handle_normalized) VALUES ('phone', '+2');", owner},
-        {"link into the user's own person", "pa", nullptr, "INSERT INTO owner_ego VALUES ('pa');",
-         owner},
-        {"link blocked", nullptr, "pb",
-         "INSERT INTO identity_constraint VALUES ('k', 'identity', 'a', 'person', 'pb', "
-         "'different', 'user', 'x', NULL);",
-         blocked},
-        {"link into an absorbed person", nullptr, "pb",
-         "UPDATE person SET merged_into_person_id = 'pa' WHERE id = 'pb';",
-         IdentityStoreError::notFound("person not found or absorbed")},
-        {"link post-condition fails", nullptr, nullptr,
-         "CREATE TRIGGER undo_link AFTER INSERT ON merge_event BEGIN "
-         "UPDATE identity_membership SET ended_at = 'x'; END;",
-         IdentityStoreError::invalidArgs("confirm failed: error")},
-        {"merge blocked by an automatic constraint", "pa", "pb",
-         "INSERT INTO identity_constraint VALUES ('k', 'person', 'pa', 'person', 'pb', "
-         "'different', 'auto', 'x', NULL);",
-         blocked},
-        {"merge excluded", "pa", "pb",
-         "INSERT INTO exclusion_rule (id, scope, target_id) VALUES ('" +
-             host::stableID("owner-alias-exclusion", "pb") + "', 'person', 'pb');",
-         IdentityStoreError::excluded("One of these people is you. To change that, remove the "
-                                      "handle from your own handles.")},
-    };
-    for (const auto& row : rows) {
+    for (const Row& row : std::vector<Row>{
+             // Refused although two members of one person would need no write.
+             {"b is an owner alias", "pa", "pa",
+              "INSERT INTO owner_alias (source_type, handle_normalized) VALUES ('phone', '+2');",
+              owner},
+             {"link blocked", nullptr, "pb",
+              "INSERT INTO identity_constraint VALUES ('k', 'identity', 'a', 'person', 'pb', "
+              "'different', 'user', 'x', NULL);",
+              blocked},
+             {"link post-condition fails", nullptr, nullptr,
+              "CREATE TRIGGER undo_link AFTER INSERT ON merge_event BEGIN "
+              "UPDATE identity_membership SET ended_at = 'x'; END;",
+              IdentityStoreError::invalidArgs("confirm failed: error")},
+             {"merge blocked by an automatic constraint", "pa", "pb",
+              "INSERT INTO identity_constraint VALUES ('k', 'person', 'pa', 'person', 'pb', "
+              "'different', 'auto', 'x', NULL);",
+              blocked},
+             {"merge excluded", "pa", "pb",
+              "INSERT INTO exclusion_rule (id, scope, target_id) VALUES ('" +
+                  host::stableID("owner-alias-exclusion", "pb") + "', 'person', 'pb');",
+              IdentityStoreError::excluded("One of these people is you. To change that, remove "
+                                           "the handle from your own handles.")},
+             {"reject: one person at present, no merge event between them", "pa", "pb",
+              "INSERT INTO person VALUES ('pc', NULL, 'stub', NULL, NULL, NULL, 'x');"
+              "UPDATE person SET merged_into_person_id = 'pc' WHERE id IN ('pa', 'pb');",
+              IdentityStoreError::invalidArgs("reject failed: error"), true},
+             {"reject: membership to a missing person", "pa", "gone", "",
+              IdentityStoreError::notFound("person_id_b not found"), true},
+         }) {
         SCOPED_TRACE(row.name);
-        Store s;
-        s.attach(row.personA, row.personB);
+        Store s(row.personA, row.personB);
         s.db.exec(row.setup);
-        s.expectFailure(
-            [&] { s.repo.confirmCandidate(s.candidate(), SubjectLineage::person, "subj"); },
-            row.expected);
-    }
-}
-
-// Between the persons when a and b have two, else between the identities, which
-// keep their memberships.
-TEST(RejectCandidate, RecordsTheConstraintAtTheRightLevel) {
-    struct Row {
-        const char* name;
-        const char *personA, *personB;
-        const char* constraint;
-        const char* correction;
-    };
-    const std::vector<Row> rows = {
-        {"different persons", "pa", "pb", "person|pa|person|pb", "person|pb"},
-        {"neither attached", nullptr, nullptr, "identity|a|identity|b", "source_identity|b"},
-        {"only a attached", "pa", nullptr, "identity|a|identity|b", "source_identity|b"},
-        {"same person", "pa", "pa", "identity|a|identity|b", "source_identity|b"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Store s;
-        s.attach(row.personA, row.personB);
-        const auto untouched = s.db.dump({"identity_membership", "person", "merge_event"});
-        s.repo.rejectCandidate(s.candidate(), SubjectLineage::grouping, "subj");
-        EXPECT_EQ(s.db.rows("SELECT a_type, a_id, b_type, b_id FROM identity_constraint WHERE "
-                            "kind = 'different' AND decided_by = 'user' AND revoked_at IS NULL"),
-                  Rows{row.constraint});
-        EXPECT_EQ(s.db.rows("SELECT count(*) FROM identity_constraint"), Rows{"1"});
-        EXPECT_EQ(s.db.rows("SELECT target_type, target_id FROM user_correction WHERE action = "
-                            "'different_person' AND subject_lineage = 'grouping' AND subject_id = "
-                            "'subj'"),
-                  Rows{row.correction});
-        EXPECT_EQ(s.db.dump({"identity_membership", "person", "merge_event"}), untouched);
-        EXPECT_EQ(s.events, std::vector<Event>{witness(Kind::rejectCandidate)});
-    }
-}
-
-TEST(RejectCandidate, RefusedMarkDifferentBecomesAnError) {
-    {
-        SCOPED_TRACE("one person at present, with no merge event between them");
-        Store s;
-        s.db.addPerson("pc");
-        s.db.exec("UPDATE person SET merged_into_person_id = 'pc' WHERE id IN ('pa', 'pb')");
-        s.attach("pa", "pb");
-        s.expectFailure(
-            [&] { s.repo.rejectCandidate(s.candidate(), SubjectLineage::person, "subj"); },
-            IdentityStoreError::invalidArgs("reject failed: error"));
-    }
-    {
-        SCOPED_TRACE("membership to a missing person");
-        Store s;
-        s.attach("pa", "gone");
-        s.expectFailure(
-            [&] { s.repo.rejectCandidate(s.candidate(), SubjectLineage::person, "subj"); },
-            IdentityStoreError::notFound("person_id_b not found"));
+        const std::string before = s.db.dump();
+        try {
+            row.reject
+                ? s.repo.rejectCandidate(s.candidate(), SubjectLineage::person, "subj")
+                : (void)s.repo.confirmCandidate(s.candidate(), SubjectLineage::person, "subj");
+            ADD_FAILURE() << "no error";
+        } catch (const IdentityStoreError& e) {
+            EXPECT_EQ(e, row.expected) << e.what();
+        }
+        EXPECT_EQ(s.db.dump(), before);
+        EXPECT_TRUE(s.events.empty());
     }
 }
 
 TEST(MarkDifferent, RefusalsAnswerExactlyAndWriteNothing) {
+    const auto unconnected =
+        refused("no reversible merge connects these people", Taxonomy::invalidArguments);
     struct Row {
-        const char* name;
-        const char* a;
-        const char* b;
+        const char *name, *a, *b;
         schema::MarkDifferentResponse expected;
     };
-    const std::vector<Row> rows = {
-        {"same id", "pa", "pa",
-         refused("person_id_a and person_id_b must differ", Taxonomy::invalidArguments)},
-        {"missing first", "nope", "pb", refused("person_id_a not found", Taxonomy::notFound)},
-        {"missing second", "pa", "nope", refused("person_id_b not found", Taxonomy::notFound)},
-        // px and py are absorbed (and so found) but joined by no unreversed merge.
-        {"absorbed into one, merge reversed", "pa", "px",
-         refused("no reversible merge connects these people", Taxonomy::invalidArguments)},
-        {"both absorbed into a third", "px", "py",
-         refused("no reversible merge connects these people", Taxonomy::invalidArguments)},
-    };
-    for (const auto& row : rows) {
+    for (const Row& row : std::vector<Row>{
+             {"same id", "pa", "pa",
+              refused("person_id_a and person_id_b must differ", Taxonomy::invalidArguments)},
+             {"missing first", "nope", "pb", refused("person_id_a not found", Taxonomy::notFound)},
+             {"missing second", "pa", "nope", refused("person_id_b not found", Taxonomy::notFound)},
+             // px and py are absorbed (and so found) but joined by no unreversed merge.
+             {"absorbed into one, merge reversed", "pa", "px", unconnected},
+             {"both absorbed into a third", "px", "py", unconnected},
+         }) {
         SCOPED_TRACE(row.name);
         Store s;
         s.db.addPerson("px", "pa");
@@ -270,60 +174,26 @@ TEST(MarkDifferent, RefusalsAnswerExactlyAndWriteNothing) {
         s.db.exec(
             "INSERT INTO merge_event VALUES ('e', 'pa', 'px', '{}', NULL, 'user', 'x', 'y', NULL)");
         const std::string before = s.db.dump();
-        EXPECT_EQ(s.repo.markDifferent(markDifferentRequest(row.a, row.b)), row.expected);
+        EXPECT_EQ(s.repo.markDifferent(markDifferent(row.a, row.b)), row.expected);
         EXPECT_EQ(s.db.dump(), before);
         EXPECT_TRUE(s.events.empty());
     }
 }
 
 TEST(MarkDifferent, SplitsAMergedPairByUndoingTheMergeFirst) {
-    Store s;
-    s.attach("pa", "pb");
-    const auto merged =
-        s.repo.proposeMerge({3000, "pa", "pb", "subj", SubjectLineage::person, true});
-    ASSERT_TRUE(merged.mergeEventID);
-
+    Store s("pa", "pb");
+    ASSERT_TRUE(
+        s.repo.proposeMerge({3000, "pa", "pb", "subj", SubjectLineage::person, true}).mergeEventID);
     // Named the other way round from the merge.
-    const auto response = s.repo.markDifferent(markDifferentRequest("pb", "pa"));
+    const auto response = s.repo.markDifferent(markDifferent("pb", "pa"));
     ASSERT_TRUE(response.constraintID);
-    EXPECT_FALSE(response.refused);
-    EXPECT_EQ(s.db.rows("SELECT merged_into_person_id FROM person WHERE id = 'pb'"), Rows{"NULL"});
-    EXPECT_EQ(s.db.rows("SELECT reversed_at IS NOT NULL FROM merge_event"), Rows{"1"});
-    EXPECT_EQ(s.personOf("b"), "pb");
-    EXPECT_EQ(s.db.rows("SELECT id, a_id, b_id, revoked_at FROM identity_constraint WHERE kind = "
-                        "'different'"),
-              Rows{*response.constraintID + "|pb|pa|NULL"});
-    EXPECT_EQ(s.db.rows("SELECT count(*) FROM identity_constraint WHERE kind = 'same' AND "
-                        "revoked_at IS NULL"),
-              Rows{"0"});
-    EXPECT_EQ(s.db.rows("SELECT target_id, action FROM user_correction ORDER BY action"),
-              (Rows{"pa|different_person", "pb|same_person"}));
-    EXPECT_EQ(s.events, std::vector<Event>{witness(Kind::markDifferent)});
-}
-
-TEST(MarkDifferent, UndoErrorsAndFailedPostConditionsLeaveNoWitness) {
-    {
-        SCOPED_TRACE("the connecting merge was superseded");
-        Store s;
-        s.db.addMembership("mb", "b", "pb");
-        ASSERT_TRUE(s.repo.proposeMerge({3000, "pa", "pb", "subj", SubjectLineage::person, true})
-                        .mergeEventID);
-        s.db.exec("UPDATE person SET display_name = 'renamed' WHERE id = 'pb'");
-        s.expectFailure([&] { s.repo.markDifferent(markDifferentRequest("pa", "pb")); },
-                        IdentityStoreError(Case::supersededByLaterCorrection));
-    }
-    {
-        SCOPED_TRACE("post-condition refusal commits its rows");
-        Store s;
-        s.db.exec(
-            "CREATE TRIGGER revoke_at_once AFTER INSERT ON identity_constraint BEGIN "
-            "UPDATE identity_constraint SET revoked_at = 'x' WHERE id = NEW.id; END;");
-        EXPECT_EQ(s.repo.markDifferent(markDifferentRequest("pa", "pb")),
-                  refused("post-condition failed", Taxonomy::invalidArguments));
-        EXPECT_EQ(s.db.rows("SELECT count(*) FROM identity_constraint"), Rows{"1"});
-        EXPECT_EQ(s.db.rows("SELECT count(*) FROM user_correction"), Rows{"1"});
-        EXPECT_TRUE(s.events.empty());
-    }
+    EXPECT_EQ(s.persons(), (Rows{"pa", "pb"}));
+    EXPECT_EQ(s.db.rows("SELECT merged_into_person_id FROM person"), (Rows{"NULL", "NULL"}));
+    // The merge's "same" constraint is revoked.
+    EXPECT_EQ(s.db.rows("SELECT id, a_id, b_id FROM identity_constraint WHERE kind = "
+                        "'different' OR revoked_at IS NULL"),
+              Rows{*response.constraintID + "|pb|pa"});
+    EXPECT_EQ(s.events, (std::vector<Event>{{Kind::markDifferent, 2, 0, 0, 0, 0, {}}}));
 }
 
 }  // namespace
