@@ -164,6 +164,9 @@ TEST(FaultSeam, FailsTheNthStatementOnceAndRollsBack) {
     };
     pool->armFault(FaultPlan{
         .failAtStatement = 3, .code = SQLITE_IOERR_WRITE, .writesOnly = true, .fired = false});
+    // A shorter transaction leaves it armed, and the count starts again in the next.
+    pool->write([](Connection& db) { db.run("INSERT INTO t VALUES ('0', NULL)"); });
+    EXPECT_FALSE(pool->faultFired());
     try {
         threeInserts();
         FAIL() << "the fault did not fire";
@@ -172,17 +175,10 @@ TEST(FaultSeam, FailsTheNthStatementOnceAndRollsBack) {
         EXPECT_EQ(error.statement(), "INSERT INTO t VALUES ('3', NULL)");
     }
     EXPECT_TRUE(pool->faultFired());
-    EXPECT_EQ(countRows(*pool), 0);
+    EXPECT_EQ(countRows(*pool), 1);
     // Fired once: the next transaction runs normally.
     threeInserts();
-    EXPECT_EQ(countRows(*pool), 3);
-
-    // A fault beyond the transaction's length never fires and stays armed.
-    pool->armFault(
-        FaultPlan{.failAtStatement = 10, .code = SQLITE_IOERR, .writesOnly = true, .fired = false});
-    threeInserts();
-    EXPECT_FALSE(pool->faultFired());
-    pool->disarmFault();
+    EXPECT_EQ(countRows(*pool), 4);
 }
 
 }  // namespace
