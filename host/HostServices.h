@@ -38,7 +38,7 @@ template <typename... Parts>
 
 // The person that represents the user.
 class OwnerEgoProjection {
-public:
+  public:
     virtual ~OwnerEgoProjection() = default;
     // Read at each use inside the current transaction; the empty text when there
     // is none (no person has an empty identifier, so nothing matches it).
@@ -47,7 +47,7 @@ public:
 
 // The user's own handles.
 class OwnerAliasRegistry {
-public:
+  public:
     struct Declaration {
         bool wasNewAlias = false;
         std::optional<std::string> excludedPersonID;
@@ -73,7 +73,7 @@ public:
 // The counter by which other parts of the application notice that person
 // relationships changed.
 class RelationshipProjectionGeneration {
-public:
+  public:
     virtual ~RelationshipProjectionGeneration() = default;
     // Advances the counter inside the current write transaction.
     virtual void bump(store::Connection& db) = 0;
@@ -82,7 +82,7 @@ public:
 // SQL fragments deciding which source identities may be shown. Each returns a
 // boolean SQL expression with the given column names spliced in. May throw.
 class SourceIdentityPresentationEligibility {
-public:
+  public:
     virtual ~SourceIdentityPresentationEligibility() = default;
     virtual std::string presentationPredicateSQL(
         const std::string& identityIDColumn, const std::string& sourceTypeColumn,
@@ -94,7 +94,7 @@ public:
 
 // SQL fragments deciding which persons are eligible. May throw.
 class SourceEligibility {
-public:
+  public:
     // Ordinal 2 (identityCorrection) is the policy the identity library uses.
     enum class Policy { any = 0, presentation = 1, identityCorrection = 2 };
 
@@ -104,7 +104,7 @@ public:
 
 // Relationship-attention candidates derived from follow-ups.
 class FollowUpScheduler {
-public:
+  public:
     struct AttentionCatchUpItem {
         // The key under which dispositions are stored.
         std::string candidateKey;

@@ -21,7 +21,9 @@ enum class Taxonomy : int {
     internal = 4,
 };
 
-[[nodiscard]] constexpr int ordinal(Taxonomy t) noexcept { return static_cast<int>(t); }
+[[nodiscard]] constexpr int ordinal(Taxonomy t) noexcept {
+    return static_cast<int>(t);
+}
 // The case with that ordinal; absent outside 0 to 4.
 [[nodiscard]] std::optional<Taxonomy> taxonomyFromOrdinal(std::int64_t ordinal) noexcept;
 
