@@ -18,16 +18,8 @@ using Target = ManualLinkTarget;
 using Ids = std::vector<std::string>;
 constexpr auto kLineage = SubjectLineage::person;
 
-// The lines of a dump, but for the projection counter every correction bumps.
 std::set<std::string> lines(const std::string& dump) {
-    std::set<std::string> out;
-    std::istringstream in(dump);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.starts_with("relationship_projection_generation(")) {
-            out.insert(line);
-        }
-    }
-    return out;
+    return test::dumpLines(dump);
 }
 
 // A store, a repository over it and the witness events it reported.

@@ -12,16 +12,8 @@ namespace {
 using Witness = IdentityCorrectionWitness;
 using Rows = std::vector<std::string>;
 
-// The lines of a dump, but for the projection counter every correction bumps.
 std::set<std::string> lines(const std::string& dump) {
-    std::set<std::string> out;
-    std::istringstream in(dump);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.starts_with("relationship_projection_generation(")) {
-            out.insert(line);
-        }
-    }
-    return out;
+    return test::dumpLines(dump);
 }
 
 class Separation : public ::testing::Test {

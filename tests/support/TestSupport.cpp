@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <sstream>
 
 #include "host/HostServices.h"
 
@@ -33,6 +34,17 @@ TestDatabase::TestDatabase(bool encrypted) : encrypted_(encrypted) {
     }
     pool_ = store::DatabasePool::open(path(), options);
     pool_->write([](store::Connection& db) { host::createReferenceSchema(db); });
+}
+
+std::set<std::string> dumpLines(const std::string& dump) {
+    std::set<std::string> out;
+    std::istringstream in(dump);
+    for (std::string line; std::getline(in, line);) {
+        if (!line.starts_with("relationship_projection_generation(")) {
+            out.insert(line);
+        }
+    }
+    return out;
 }
 
 std::string sql(const std::optional<std::string>& value) {

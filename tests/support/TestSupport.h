@@ -5,12 +5,16 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "store/Database.h"
 
 namespace orvik::test {
+
+// The lines of a dump, but for the projection counter that every correction bumps.
+std::set<std::string> dumpLines(const std::string& dump);
 
 // An SQL literal: 'text' with quotes doubled, or NULL.
 std::string sql(const std::optional<std::string>& value);
