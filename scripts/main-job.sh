@@ -64,3 +64,11 @@ echo "== history of a corrected person"
 "$cli" history --db "$demo" --key "$key" --person "$person"
 echo "== readback"
 "$cli" readback --db "$demo" --key "$key"
+
+echo "== the screens of the demo store, as orvik-identity-desktop shows them"
+desktop=build/default/app/desktop/orvik-identity-desktop
+mkdir -p build/screens
+for screen in candidates manual-link history; do
+    "$desktop" --db "$demo" --key "$key" --person "$person" --screen "$screen" \
+        --screenshot "$PWD/build/screens/$screen.png"
+done
