@@ -3,7 +3,7 @@
 //     orvik-identity-desktop --db PATH [--key KEY]
 //         opens the window over an existing store
 //     orvik-identity-desktop --db PATH [--key KEY] --screenshot FILE
-//                            --screen candidates|manual-link|history [--person ID]
+//                            --screen candidates|manual-link|history|window [--person ID]
 //         renders one screen of the store offscreen to a PNG and exits
 //
 // The store is opened by the Orvik.Identity QML module (IdentityStore); this program
@@ -53,6 +53,9 @@ QSize screenshotSize(const std::string& screen) {
     if (screen == "history") {
         return {560, 420};
     }
+    if (screen == "window") {
+        return {1120, 760};
+    }
     return {720, 560};
 }
 
@@ -70,15 +73,22 @@ void addModuleImportPaths(QQmlApplicationEngine& engine) {
 
 int runScreenshot(QQmlApplicationEngine& engine, const Options& options) {
     const QSize size = screenshotSize(options.screen);
-    engine.setInitialProperties({
+    const bool wholeWindow = options.screen == "window";
+    QVariantMap properties{
         {"dbPath", QString::fromStdString(options.store.db)},
         {"dbKey", QString::fromStdString(options.store.key)},
-        {"screen", QString::fromStdString(options.screen)},
-        {"personID", QString::fromStdString(options.personID)},
         {"width", size.width()},
         {"height", size.height()},
-    });
-    engine.load(QUrl(QStringLiteral("qrc:/orvik/desktop/ScreenshotWindow.qml")));
+    };
+    if (wholeWindow) {
+        properties.insert("initialPersonID", QString::fromStdString(options.personID));
+    } else {
+        properties.insert("screen", QString::fromStdString(options.screen));
+        properties.insert("personID", QString::fromStdString(options.personID));
+    }
+    engine.setInitialProperties(properties);
+    engine.load(QUrl(wholeWindow ? QStringLiteral("qrc:/orvik/desktop/Main.qml")
+                                 : QStringLiteral("qrc:/orvik/desktop/ScreenshotWindow.qml")));
     if (engine.rootObjects().isEmpty()) {
         return fail("cannot load the screens (is the Orvik.Identity module built?)");
     }
@@ -141,8 +151,8 @@ int main(int argc, char** argv) {
     auto* screenshot = cli.add_option("--screenshot", options.screenshot,
                                       "Render one screen offscreen to this PNG file and exit");
     cli.add_option("--screen", options.screen,
-                   "The screen to render: candidates, manual-link or history")
-        ->check(CLI::IsMember({"candidates", "manual-link", "history"}))
+                   "The screen to render: candidates, manual-link, history, or the whole window")
+        ->check(CLI::IsMember({"candidates", "manual-link", "history", "window"}))
         ->needs(screenshot);
     cli.add_option("--person", options.personID,
                    "The person to correct (scopes the manual-link screen; required for history)");

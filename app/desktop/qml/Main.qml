@@ -20,6 +20,9 @@ ApplicationWindow {
     // The correction controller of the current session, or null while none is loaded.
     readonly property var controller: session.item ? session.item.controller : null
     readonly property bool scoped: window.controller !== null && window.controller.scopedPersonID != null
+    // For --screenshot --screen window: the first loads have finished, or why not.
+    readonly property bool ready: session.item !== null && session.item.loaded
+    readonly property string failure: store.lastError != null ? "cannot open " + window.dbPath + ": " + store.lastError : ""
 
     function scopeTo(personID, displayName) {
         window.scope = {"personID": personID, "displayName": displayName};
@@ -111,6 +114,7 @@ ApplicationWindow {
     BusyIndicator {
         anchors.centerIn: parent
         running: !store.ready && store.lastError == null
+        visible: running
     }
 
     Component {
@@ -170,9 +174,16 @@ ApplicationWindow {
             }
 
             Component.onCompleted: {
-                controller.reload(100).then(function() { sessionRoot.loaded = true; });
-                if (window.scope !== null)
-                    controller.loadScopedToPerson(window.scope.personID, window.scope.displayName);
+                const scope = window.scope;
+                controller.reload(100).then(function() {
+                    if (scope === null) {
+                        sessionRoot.loaded = true;
+                        return;
+                    }
+                    controller.loadScopedToPerson(scope.personID, scope.displayName).then(function() {
+                        sessionRoot.loaded = true;
+                    });
+                });
             }
         }
     }
