@@ -3,6 +3,7 @@
 // shows something.
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -41,6 +42,9 @@ std::string quoted(const std::filesystem::path& path) {
 class DesktopScreenshot : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
+        // Under LeakSanitizer, the desktop program reports Qt's own caches at exit.
+        setenv("LSAN_OPTIONS",
+               "suppressions=" ORVIK_QT_LSAN_SUPPRESSIONS ":print_suppressions=0", 0);
         dir_ = new orvik::test::TempDir();
         store_ = dir_->path() / "demo.db";
         const Run demo = run(std::string(ORVIK_IDENTITY_BIN) + " demo --db " + quoted(store_));
