@@ -272,16 +272,18 @@ Json errorBody(std::string_view errorCase, Json message) {
 
 }  // namespace
 
-ExecSession::ExecSession(std::shared_ptr<store::DatabasePool> pool)
+ExecSession::ExecSession(std::shared_ptr<store::DatabasePool> pool, Witness::Sink systemLog)
     : witness_(std::make_shared<WitnessLog>()),
       repository_(
           std::move(pool),
-          [log = witness_](const Witness::Event& event) {
+          [log = witness_, systemLog = std::move(systemLog)](const Witness::Event& event) {
               {
                   std::lock_guard lock(log->mutex);
                   log->events.push_back(event);
               }
-              Witness::unifiedLogSink(event);
+              if (systemLog) {
+                  systemLog(event);
+              }
           },
           host::HostServices::reference()) {}
 

@@ -58,13 +58,21 @@ int runInit(const StoreArguments& arguments) {
     return finishOutput();
 }
 
+// The system log sink that names the store by its absolute path.
+identity::IdentityCorrectionWitness::Sink storeLogSink(const StoreArguments& arguments) {
+    std::error_code ignored;
+    const auto absolute = std::filesystem::absolute(arguments.db, ignored);
+    return identity::IdentityCorrectionWitness::systemLogSink(absolute.empty() ? arguments.db
+                                                                               : absolute.string());
+}
+
 int runExec(const StoreArguments& arguments) {
     auto pool = openExistingStore(arguments);
     // A reader that goes away closes our output; report that instead of dying of
     // SIGPIPE.
     std::signal(SIGPIPE, SIG_IGN);
     std::ios::sync_with_stdio(false);
-    ExecSession session(std::move(pool));
+    ExecSession session(std::move(pool), storeLogSink(arguments));
     if (!session.run(std::cin, std::cout)) {
         return fail("cannot write to standard output");
     }
@@ -141,6 +149,7 @@ int main(int argc, char** argv) {
         CLI::App app{"Creates an identity store, drives it through JSON requests and shows it.",
                      kProgramName};
         app.require_subcommand(1);
+        app.set_version_flag("--version", std::string(kProgramName) + " " + ORVIK_VERSION);
 
         StoreArguments initArguments;
         CLI::App* init =
