@@ -21,12 +21,14 @@
 #include <QGuiApplication>
 #include <QImage>
 #include <QQmlApplicationEngine>
+#include <QQmlContext>
 #include <QQuickStyle>
 #include <QQuickWindow>
 #include <QTimer>
 #include <QUrl>
 
 #include "app/StoreAccess.h"
+#include "app/desktop/PersonNames.h"
 
 namespace {
 
@@ -193,5 +195,8 @@ int main(int argc, char** argv) {
 
     QQmlApplicationEngine engine;
     addModuleImportPaths(engine);
+    PersonNames personNames(QString::fromStdString(options.store.db),
+                            QString::fromStdString(options.store.key));
+    engine.rootContext()->setContextProperty(QStringLiteral("personNames"), &personNames);
     return shooting ? runScreenshot(engine, options) : runWindow(engine, app, options);
 }

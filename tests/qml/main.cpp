@@ -13,7 +13,7 @@ class ScreenTestSetup : public QObject {
   public:
     ScreenTestSetup() { QQuickStyle::setStyle(QStringLiteral("Fusion")); }
 
-  public slots:
+  public Q_SLOTS:
     void qmlEngineAvailable(QQmlEngine* engine) {
         engine->addImportPath(QStringLiteral(ORVIK_QML_IMPORT_DIR));
         engine->rootContext()->setContextProperty(QStringLiteral("fixtures"),

@@ -47,6 +47,17 @@ ApplicationWindow {
                                            ? window.controller.scopedPersonDisplayName : "one person")
            : "Orvik identities"
 
+    // --person gives an identifier only; its name arrives from personNames.
+    Connections {
+        target: personNames
+
+        function onFound(personID, name) {
+            if (window.scope !== null && window.scope.personID === personID && name != null
+                    && window.scope.displayName == null && window.controller !== null)
+                window.scopeTo(personID, name);
+        }
+    }
+
     IdentityStore {
         id: store
 
@@ -183,6 +194,8 @@ ApplicationWindow {
                     controller.loadScopedToPerson(scope.personID, scope.displayName).then(function() {
                         sessionRoot.loaded = true;
                     });
+                    if (scope.displayName == null)
+                        personNames.lookUp(scope.personID);
                 });
             }
         }

@@ -26,20 +26,36 @@ ApplicationWindow {
         window.ready = true;
     }
 
+    // The person's display name, once personNames has answered.
+    property var personName: null
+
     function start() {
         if (window.screen === "candidates") {
             candidates.reload(50).then(window.markReady);
-        } else if (window.screen === "manual-link") {
-            const view = screenLoader.item;
-            if (window.personID.length > 0) {
-                candidates.loadScopedToPerson(window.personID, null).then(function() {
-                    candidates.manualSearch(view.query).then(window.markReady);
-                });
-            } else {
-                candidates.manualSearch(view.query).then(window.markReady);
-            }
+        } else if (window.personID.length > 0) {
+            personNames.lookUp(window.personID);
+        } else {
+            candidates.manualSearch(screenLoader.item.query).then(window.markReady);
+        }
+    }
+
+    function startWithName(name) {
+        window.personName = name;
+        if (window.screen === "manual-link") {
+            candidates.loadScopedToPerson(window.personID, name).then(function() {
+                candidates.manualSearch(screenLoader.item.query).then(window.markReady);
+            });
         } else {
             screenLoader.item.controller.reload().then(window.markReady);
+        }
+    }
+
+    Connections {
+        target: personNames
+
+        function onFound(personID, name) {
+            if (personID === window.personID)
+                window.startWithName(name);
         }
     }
 
@@ -93,7 +109,7 @@ ApplicationWindow {
         id: historyScreen
 
         IdentityHistoryView {
-            personDisplayName: ""
+            personDisplayName: window.personName != null ? window.personName : ""
             providerDisplayName: Providers.displayName
             controller: IdentityHistoryController {
                 repository: store
