@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 cmake --preset default >/dev/null
 # Only what this script runs; scripts/test.sh builds the tests and benchmarks.
-cmake --build --preset default -j"$(nproc)" --target orvik-identity orvik-identity-desktop
+cmake --build --preset default -j"$(nproc)" --target orvik-identity
 
 cli=build/default/app/orvik-identity
 store=build/sample/sample.db
@@ -65,11 +65,3 @@ echo "== history of a corrected person"
 "$cli" history --db "$demo" --key "$key" --person "$person"
 echo "== readback"
 "$cli" readback --db "$demo" --key "$key"
-
-echo "== the screens of the demo store, as orvik-identity-desktop shows them"
-desktop=build/default/app/desktop/orvik-identity-desktop
-mkdir -p build/screens
-for screen in candidates manual-link history; do
-    "$desktop" --db "$demo" --key "$key" --person "$person" --screen "$screen" \
-        --screenshot "$PWD/build/screens/$screen.png"
-done
