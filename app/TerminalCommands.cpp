@@ -6,10 +6,13 @@
 #include <utility>
 #include <vector>
 
-#include "app/JsonCodec.h"
 #include "app/StoreAccess.h"
+#include "codec/RecordCodec.h"
 
 namespace orvik::app {
+
+using codec::Json;
+using codec::toJson;
 
 namespace {
 
