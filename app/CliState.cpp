@@ -10,11 +10,17 @@
 #include <system_error>
 #include <utility>
 
+#include "codec/RecordCodec.h"
 #include "host/HostServices.h"
 
 namespace orvik::app {
 
 namespace {
+
+using codec::BadRequest;
+using codec::FieldReader;
+using codec::Json;
+using codec::toJson;
 
 constexpr std::array<std::pair<CliCorrection::Kind, std::string_view>, 6> kKinds{{
     {CliCorrection::Kind::confirm, "confirm"},
@@ -62,7 +68,7 @@ CliCorrection correctionFromJson(const Json& value) {
     correction.summary = in.text("summary");
     correction.mergeEventIDs = in.texts("mergeEventIDs");
     if (in.find("mutation") != nullptr) {
-        correction.mutation = in.get("mutation", ownerAliasMutationFromJson);
+        correction.mutation = in.read<identity::OwnerAliasMutation>("mutation");
     }
     correction.sides = in.texts("sides");
     return correction;
@@ -93,7 +99,7 @@ CliState CliState::forStore(const std::filesystem::path& storePath) {
         if (fields.text("store") != state.store_) {
             return state;  // a different store with the same name digest: ignore
         }
-        state.listing_ = fields.list("listing", candidateFromJson);
+        state.listing_ = fields.read<std::vector<identity::IdentityCandidate>>("listing");
         if (const Json* last = fields.find("lastCorrection")) {
             state.lastCorrection_ = correctionFromJson(*last);
         }

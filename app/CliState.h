@@ -17,7 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "app/JsonCodec.h"
 #include "identity/IdentityModels.h"
 
 namespace orvik::app {

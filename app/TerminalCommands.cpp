@@ -8,10 +8,13 @@
 #include <set>
 #include <utility>
 
-#include "app/JsonCodec.h"
 #include "app/StoreAccess.h"
+#include "codec/RecordCodec.h"
 
 namespace orvik::app {
+
+using codec::Json;
+using codec::toJson;
 
 namespace {
 

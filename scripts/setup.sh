@@ -11,6 +11,7 @@ packages=(
     qt6-base-dev qt6-declarative-dev qcoro-qt6-dev
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-layouts
     qml6-module-qtquick-window qml6-module-qttest
+    qml6-module-qtquick-templates qml6-module-qtqml-workerscript libqt6svg6 fonts-dejavu-core
 )
 
 missing=()
