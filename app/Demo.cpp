@@ -883,7 +883,7 @@ DemoSummary createDemoStore(const std::filesystem::path& path, const store::Pool
             host::createReferenceSchema(db);
             insertPlan(plan, db);
         });
-        IdentityRepository repository(pool);
+        IdentityRepository repository(pool, &identity::IdentityCorrectionWitness::discardingSink);
         makeCorrections(plan, repository, summary);
         summary.exactKeyCandidatePairs =
             repository.identityCorrectionsReadback().exactKeyCandidatePairs.value_or(0);

@@ -9,7 +9,7 @@
 // A request that cannot be understood is answered with case "badRequest" and
 // touches nothing; a database error carries case "database" and the SQLite
 // extended result code as "code". The witness lists the events the operation
-// passed to the repository's sink; they also go to the system log.
+// passed to the repository's sink; they also go to the system log sink given.
 #pragma once
 
 #include <iosfwd>
@@ -19,17 +19,22 @@
 #include <string_view>
 #include <vector>
 
-#include "app/JsonCodec.h"
+#include "codec/RecordCodec.h"
 #include "identity/IdentityCorrectionWitness.h"
 #include "identity/IdentityRepository.h"
 #include "store/Database.h"
 
 namespace orvik::app {
 
+using codec::Json;
+
 class ExecSession {
   public:
-    // Builds the repository over pool with the reference host services.
-    explicit ExecSession(std::shared_ptr<store::DatabasePool> pool);
+    // Builds the repository over pool with the reference host services. Every
+    // committed correction is also passed to systemLog (when set), normally
+    // IdentityCorrectionWitness::systemLogSink of the store.
+    ExecSession(std::shared_ptr<store::DatabasePool> pool,
+                identity::IdentityCorrectionWitness::Sink systemLog);
     ~ExecSession();
     ExecSession(const ExecSession&) = delete;
     ExecSession& operator=(const ExecSession&) = delete;

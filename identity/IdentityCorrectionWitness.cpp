@@ -1,12 +1,9 @@
 #include "identity/IdentityCorrectionWitness.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <syslog.h>
-#include <unistd.h>
+#include <systemd/sd-journal.h>
 
 #include <array>
-#include <cstring>
 #include <utility>
 
 namespace orvik::identity {
@@ -25,78 +22,31 @@ constexpr std::array<std::pair<IdentityCorrectionWitness::Kind, std::string_view
     {IdentityCorrectionWitness::Kind::undoOwnerAlias, "undo-owner-alias"},
 }};
 
-// A process-wide handle on the system log for one subsystem and category. It
-// speaks the journal's native protocol where the journal runs, so that the
-// subsystem and category travel as fields of their own, and falls back to the
-// classic syslog socket. Without either, the log discards everything.
-class SystemLogger {
-  public:
-    SystemLogger(std::string_view subsystem, std::string_view category)
-        : subsystem_(subsystem), category_(category) {
-        if (connectTo("/run/systemd/journal/socket")) {
-            native_ = true;
-        } else {
-            connectTo("/dev/log");
-        }
+// Writes one info line to the system log under the subsystem and category: to the
+// journal with the subsystem, the category and the store as fields of their own,
+// or, where no journal runs, through syslog(3) with the exact line.
+void writeInfoLine(const std::string& line, const std::string* store) noexcept {
+    // setlogmask(0) reads the process's mask without changing it; a process that
+    // masked out the info level logs nothing.
+    if ((setlogmask(0) & LOG_MASK(LOG_INFO)) == 0) {
+        return;
     }
-
-    ~SystemLogger() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
+    const std::string subsystem(IdentityCorrectionWitness::subsystem);
+    const std::string category(IdentityCorrectionWitness::category);
+    const int sent =
+        store != nullptr
+            ? sd_journal_send("MESSAGE=%s", line.c_str(), "PRIORITY=%d", LOG_INFO,
+                              "SYSLOG_IDENTIFIER=%s", subsystem.c_str(), "ORVIK_SUBSYSTEM=%s",
+                              subsystem.c_str(), "ORVIK_CATEGORY=%s", category.c_str(),
+                              "ORVIK_STORE=%s", store->c_str(), nullptr)
+            : sd_journal_send("MESSAGE=%s", line.c_str(), "PRIORITY=%d", LOG_INFO,
+                              "SYSLOG_IDENTIFIER=%s", subsystem.c_str(), "ORVIK_SUBSYSTEM=%s",
+                              subsystem.c_str(), "ORVIK_CATEGORY=%s", category.c_str(), nullptr);
+    if (sent < 0) {
+        // No journal here. syslog(3) opens its socket lazily and drops the line
+        // when nothing listens.
+        syslog(LOG_USER | LOG_INFO, "%s", line.c_str());
     }
-
-    SystemLogger(const SystemLogger&) = delete;
-    SystemLogger& operator=(const SystemLogger&) = delete;
-
-    [[nodiscard]] bool infoEnabled() const noexcept {
-        // setlogmask(0) reads the process's mask without changing it.
-        return fd_ >= 0 && (setlogmask(0) & LOG_MASK(LOG_INFO)) != 0;
-    }
-
-    void info(const std::string& line) const noexcept {
-        std::string datagram;
-        if (native_) {
-            datagram = "PRIORITY=6\nSYSLOG_FACILITY=1\nSYSLOG_IDENTIFIER=" + subsystem_ +
-                       "\nORVIK_SUBSYSTEM=" + subsystem_ + "\nORVIK_CATEGORY=" + category_ +
-                       "\nMESSAGE=" + line + "\n";
-        } else {
-            // <facility user (1) * 8 + info (6)>
-            datagram = "<14>" + subsystem_ + "/" + category_ + "[" + std::to_string(::getpid()) +
-                       "]: " + line;
-        }
-        // A full or vanished log socket drops the line; logging never fails the caller.
-        (void)::send(fd_, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    }
-
-  private:
-    bool connectTo(const char* path) noexcept {
-        const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
-            return false;
-        }
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-            ::close(fd);
-            return false;
-        }
-        fd_ = fd;
-        return true;
-    }
-
-    std::string subsystem_;
-    std::string category_;
-    int fd_ = -1;
-    bool native_ = false;
-};
-
-const SystemLogger& sharedLogger() {
-    // Initialised once, safely when several threads arrive together.
-    static const SystemLogger logger(IdentityCorrectionWitness::subsystem,
-                                     IdentityCorrectionWitness::category);
-    return logger;
 }
 
 }  // namespace
@@ -137,14 +87,22 @@ std::string IdentityCorrectionWitness::message(const Event& event) {
 
 void IdentityCorrectionWitness::unifiedLogSink(const Event& event) noexcept {
     try {
-        const SystemLogger& logger = sharedLogger();
-        if (!logger.infoEnabled()) {
-            return;
-        }
-        logger.info(message(event));
+        writeInfoLine(message(event), nullptr);
     } catch (...) {
         // Out of memory while building the line: the event is not logged.
     }
 }
+
+IdentityCorrectionWitness::Sink IdentityCorrectionWitness::systemLogSink(std::string store) {
+    return [store = std::move(store)](const Event& event) noexcept {
+        try {
+            writeInfoLine(message(event), &store);
+        } catch (...) {
+            // As above: a line that cannot be built is not logged.
+        }
+    };
+}
+
+void IdentityCorrectionWitness::discardingSink(const Event& /*event*/) noexcept {}
 
 }  // namespace orvik::identity

@@ -4,6 +4,12 @@
 // The repository calls its sink exactly once per committed correction, after the
 // commit and before the operation returns; failed corrections, reads, and the
 // programmatic link and merge operations call none.
+//
+// The sink runs on the thread of the correction while the repository's turn is
+// still held: a sink that calls back into the same repository waits for itself
+// forever. It must return quickly and may be called from any thread. Whatever a
+// sink throws is caught and dropped by the repository: the correction is committed
+// by then, and the operation returns its result as if the sink had returned.
 #pragma once
 
 #include <cstdint>
@@ -55,9 +61,21 @@ class IdentityCorrectionWitness {
     using Sink = std::function<void(const Event&)>;
 
     // The default sink: writes message(event) at the info level to the system log
-    // under subsystem and category. Builds the line only when the log keeps info
-    // messages. Never throws.
+    // under subsystem and category: to the journal where one runs (with the fields
+    // ORVIK_SUBSYSTEM and ORVIK_CATEGORY beside MESSAGE), else through syslog(3).
+    // Builds the line only when the process's log mask keeps the info level. Never
+    // throws; a log that cannot be reached loses the line.
     static void unifiedLogSink(const Event& event) noexcept;
+
+    // The default sink for the repository over one store: the same line, and in
+    // the journal the field ORVIK_STORE=store (a path or any label that tells the
+    // stores of one machine apart), so that `journalctl ORVIK_STORE=...` shows the
+    // corrections of that store alone.
+    [[nodiscard]] static Sink systemLogSink(std::string store);
+
+    // A sink that drops every event: for sample data and tools whose corrections
+    // are not the user's and must not reach the system log.
+    static void discardingSink(const Event& event) noexcept;
 
     // The log line of an event:
     // "identity correction committed kind=<kind> identities=<n> merge_events=<n>

@@ -50,9 +50,15 @@ auto IdentityRepository::writeOperation(F&& fn) {
     return pool_->write([&](store::Connection& db) { return fn(*core_, db); });
 }
 
-void IdentityRepository::emit(const IdentityCorrectionWitness::Event& event) const {
-    if (witnessSink_) {
+void IdentityRepository::emit(const IdentityCorrectionWitness::Event& event) const noexcept {
+    if (!witnessSink_) {
+        return;
+    }
+    try {
         witnessSink_(event);
+    } catch (...) {
+        // The correction is committed; a failing sink must not make the caller
+        // believe otherwise (and retry it).
     }
 }
 

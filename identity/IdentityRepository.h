@@ -162,8 +162,8 @@ class IdentityRepository {
     // Runs fn(core, connection) in a write transaction; the caller holds its turn.
     template <typename F>
     auto writeOperation(F&& fn);
-    // Calls the sink after a commit.
-    void emit(const IdentityCorrectionWitness::Event& event) const;
+    // Calls the sink after a commit; drops whatever it throws.
+    void emit(const IdentityCorrectionWitness::Event& event) const noexcept;
 
     // A first-come, first-served turn: operations run in the order they arrive.
     class SerialQueue {

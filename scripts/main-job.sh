@@ -6,7 +6,8 @@ cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 cmake --preset default >/dev/null
-cmake --build --preset default -j"$(nproc)"
+# Only what this script runs; scripts/test.sh builds the tests and benchmarks.
+cmake --build --preset default -j"$(nproc)" --target orvik-identity
 
 cli=build/default/app/orvik-identity
 store=build/sample/sample.db

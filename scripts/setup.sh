@@ -6,11 +6,12 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config clang-format
     libsqlcipher-dev sqlcipher libsqlite3-dev
-    nlohmann-json3-dev libssl-dev uuid-dev libicu-dev libcli11-dev
+    nlohmann-json3-dev libssl-dev uuid-dev libsystemd-dev libicu-dev libcli11-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     qt6-base-dev qt6-declarative-dev qcoro-qt6-dev
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-layouts
     qml6-module-qtquick-window qml6-module-qttest
+    qml6-module-qtquick-templates qml6-module-qtqml-workerscript libqt6svg6 fonts-dejavu-core
 )
 
 missing=()

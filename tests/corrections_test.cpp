@@ -1,3 +1,5 @@
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
 #include "identity/IdentityRepository.h"
@@ -93,6 +95,26 @@ TEST(ConfirmOrRejectCandidate, EachOfTheFiveSituations) {
         EXPECT_EQ(r.db.dump({"identity_membership", "person", "merge_event"}), untouched);
         EXPECT_EQ(r.events, (std::vector<Event>{{Kind::rejectCandidate, 2, 0, 0, 0, 0, {}}}));
     }
+}
+
+// A sink that throws cannot turn a committed correction into a reported failure
+// (a caller would retry it and confirm twice).
+TEST(ConfirmOrRejectCandidate, ASinkThatThrowsDoesNotFailTheCommittedCorrection) {
+    test::TestDatabase db;
+    db.addIdentity("a", "email", "a@x");
+    db.addIdentity("b", "phone", "+2");
+    int calls = 0;
+    IdentityRepository repo(db.sharedPool(), [&](const Event&) {
+        ++calls;
+        throw std::runtime_error("log is full");
+    });
+    const IdentityCandidate candidate{*repo.sourceIdentity("a"), *repo.sourceIdentity("b"),
+                                      std::nullopt, 0.9, "why"};
+    const auto result = repo.confirmCandidate(candidate, SubjectLineage::person, "subj");
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(repo.resolveCanonicalPerson("b")->personID, result.personID);
+    EXPECT_NO_THROW(repo.undoConfirmation(result.mergeEventIDs));
+    EXPECT_FALSE(repo.resolveCanonicalPerson("b"));
 }
 
 // Confirm and reject failures roll everything back and emit nothing.

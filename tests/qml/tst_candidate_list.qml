@@ -1,0 +1,93 @@
+import QtQuick
+import QtTest
+import Orvik.Identity
+
+Item {
+    id: root
+
+    width: 640
+    height: 480
+
+    Component {
+        id: paneComponent
+
+        IdentityCorrectionsPane {
+            anchors.fill: parent
+        }
+    }
+
+    StoreHarness {
+        id: t
+
+        name: "CandidateList"
+        when: windowShown
+        stage: root
+
+        readonly property string dana: "si-dana-mail|si-dana-msg"
+        readonly property string ravi: "si-ravi-cal|si-ravi-mail"
+        readonly property string kim: "si-kim-mail|si-kim-msg"
+
+        function openPane(path) {
+            const controller = correctionController(openStore(path));
+            const pane = createTemporaryObject(paneComponent, root,
+                                               {"controller": controller, "providerDisplayName": providerName});
+            await_(controller.reload(50));
+            return pane;
+        }
+
+        // The candidate ids of the cards shown, top to bottom.
+        function shownCards(pane) {
+            const ids = pane.controller.candidates.map(candidate => candidate.id);
+            const cards = ids.map(id => ({"id": id, "card": findChild(pane, "orvik.identity-corrections.card." + id)}));
+            cards.forEach(entry => verify(entry.card !== null, "no card for " + entry.id));
+            cards.sort((a, b) => a.card.mapToItem(pane, 0, 0).y - b.card.mapToItem(pane, 0, 0).y);
+            return cards.map(entry => entry.id);
+        }
+
+        function test_confirmedCardLeavesAndUndoPutsItBackLast() {
+            const pane = openPane(fixtures.candidateStore());
+            compare(shownCards(pane).slice().sort(), [t.dana, t.kim, t.ravi]);
+            compare(findChild(pane, "orvik.identity-corrections.card." + t.ravi).question, "Also Ravi Anand?");
+            compare(findChild(pane, "orvik.identity-corrections.card." + t.dana).question,
+                    "Dana Lee = dana@example.com?");
+            verify(!findChild(pane, "orvik.identity-corrections.empty").visible);
+            const undoBar = findChild(pane, "orvik.identity-corrections.undo-bar");
+            verify(!undoBar.visible);
+
+            const confirm = findChild(pane, "orvik.identity-corrections.card.confirm." + t.dana);
+            compare(confirm.Accessible.name, "Same person");
+            compare(findChild(pane, "orvik.identity-corrections.card.reject." + t.dana).Accessible.name,
+                    "Different people");
+            mouseClick(confirm);
+            tryVerify(() => findChild(pane, "orvik.identity-corrections.card." + t.dana) === null, 20000);
+            tryCompare(undoBar, "visible", true);
+            verify(!findChild(pane, "orvik.identity-corrections.error").visible);
+
+            mouseClick(findChild(pane, "orvik.identity-corrections.undo"));
+            tryVerify(() => findChild(pane, "orvik.identity-corrections.card." + t.dana) !== null, 20000);
+            compare(shownCards(pane)[2], t.dana);
+            tryCompare(undoBar, "visible", false);
+        }
+
+        function test_failedConfirmationLeavesTheCardAndSaysWhy() {
+            const path = fixtures.candidateStore();
+            const pane = openPane(path);
+            fixtures.markPersonsDifferent(path, "p-kim-mail", "p-kim-msg");
+
+            mouseClick(findChild(pane, "orvik.identity-corrections.card.confirm." + t.kim));
+            const error = findChild(pane, "orvik.identity-corrections.error");
+            tryCompare(error, "visible", true, 20000);
+            compare(error.text, "You marked these as different people. To combine them, use Link two people.");
+            verify(findChild(pane, "orvik.identity-corrections.card." + t.kim) !== null);
+            verify(!findChild(pane, "orvik.identity-corrections.undo-bar").visible);
+
+            // Answering the other two empties the list; the error goes with a success.
+            for (const id of [t.dana, t.ravi]) {
+                mouseClick(findChild(pane, "orvik.identity-corrections.card.reject." + id));
+                tryVerify(() => findChild(pane, "orvik.identity-corrections.card." + id) === null, 20000);
+            }
+            tryCompare(error, "visible", false);
+            compare(shownCards(pane), [t.kim]);
+        }
+    }
+}
