@@ -11,6 +11,7 @@
 
 #include "codec/RecordCodec.h"
 #include "host/OrvikSchema.h"
+#include "identity/IdentityCorrectionView.h"
 #include "identity/IdentityCorrectionWitness.h"
 #include "identity/IdentityModels.h"
 
@@ -256,6 +257,16 @@ struct RecordFields<identity::IdentityCandidateProposal> {
         field("sourceIdentityID", &R::sourceIdentityID),
         field("confidence", &R::confidence),
         field("support", &R::support),
+    };
+};
+
+template <>
+struct RecordFields<identity::PersonNoteContext> {
+    using R = identity::PersonNoteContext;
+    static constexpr auto fields = std::tuple{
+        field("noteCount", &R::noteCount),
+        field("lastNoteAt", &R::lastNoteAt),
+        field("latestNoteExcerpt", &R::latestNoteExcerpt),
     };
 };
 
