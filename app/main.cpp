@@ -24,6 +24,7 @@
 #include "app/Demo.h"
 #include "app/ExecSession.h"
 #include "app/StoreAccess.h"
+#include "app/StoreCheck.h"
 #include "app/TerminalCommands.h"
 #include "host/HostServices.h"
 #include "identity/IdentityHistoryErrorCopy.h"
@@ -269,6 +270,14 @@ int runExec(const StoreArguments& arguments) {
     return 0;
 }
 
+int runCheck(const StoreArguments& arguments) {
+    auto pool = openExistingStore(arguments);
+    const StoreCheckReport report = checkStore(*pool);
+    printStoreCheck(report, std::cout);
+    const int written = finishOutput();
+    return written != 0 ? written : (report.healthy() ? 0 : 1);
+}
+
 int runDemo(const StoreArguments& arguments) {
     DemoSummary summary;
     try {
@@ -327,6 +336,14 @@ int main(int argc, char** argv) {
             "sources, threads, persons, candidates and a few corrections (refuses an existing "
             "file; logs nothing)");
         demoArguments.addTo(*demo);
+
+        StoreArguments checkArguments;
+        CLI::App* check = app.add_subcommand(
+            "check",
+            "Check the store: SQLite's integrity check and the identity invariants (one active "
+            "membership per identity, absorption chains that end, live constraints naming "
+            "existing subjects, merge snapshots that decode); exit status 0 only when all hold");
+        checkArguments.addTo(*check);
 
         std::vector<std::unique_ptr<TerminalCommand>> terminals;
         const auto terminal = [&](const char* name, const char* description, bool corrects) {
@@ -483,6 +500,9 @@ int main(int argc, char** argv) {
             }
             if (demo->parsed()) {
                 return runDemo(demoArguments);
+            }
+            if (check->parsed()) {
+                return runCheck(checkArguments);
             }
             for (auto& command : terminals) {
                 if (command->app->parsed()) {

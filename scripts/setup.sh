@@ -12,6 +12,7 @@ packages=(
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-layouts
     qml6-module-qtquick-window qml6-module-qttest
     qml6-module-qtquick-templates qml6-module-qtqml-workerscript libqt6svg6 fonts-dejavu-core
+    clang-14 libclang-rt-14-dev python3
 )
 
 missing=()

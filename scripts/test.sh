@@ -15,3 +15,11 @@ for preset in ${ORVIK_TEST_PRESETS:-default asan plain-sqlite}; do
     echo "== ${preset}: tests"
     ctest --preset "${preset}" -j"${jobs}"
 done
+
+# The fuzz targets, briefly (ORVIK_FUZZ_SECONDS each; 0 skips them). Longer runs:
+# scripts/fuzz.sh.
+fuzzSeconds=${ORVIK_FUZZ_SECONDS:-0}
+if [[ "${fuzzSeconds}" != 0 ]]; then
+    echo "== fuzz: ${fuzzSeconds} s per target"
+    bash scripts/fuzz.sh "${fuzzSeconds}"
+fi

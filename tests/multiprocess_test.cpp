@@ -3,10 +3,14 @@
 // and the file must pass SQLite's integrity check.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/HostServices.h"
@@ -207,6 +211,54 @@ TEST_P(MultiProcess, TwoPoolsOfOneProcessAndAnotherProcessLoseNothing) {
     EXPECT_TRUE(one.activeMembership(identityID(4)).has_value());
     first.reset();
     expectEverythingAcknowledgedIsThere();
+}
+
+// A process streaming corrections is killed at a random point, again and again:
+// every correction it acknowledged survives, and the store stays sound. The number
+// of kills is ORVIK_CRASH_RUNS (default 6; scripts/crash-sweep.sh runs hundreds).
+TEST_P(MultiProcess, KilledMidStreamLosesNoAcknowledgedCorrection) {
+    const char* configured = std::getenv("ORVIK_CRASH_RUNS");
+    const int runs = configured != nullptr ? std::max(1, std::atoi(configured)) : 6;
+    std::mt19937 random(std::random_device{}());
+    int next = 0;
+    for (int run = 0; run < runs && next + 20 <= kSubjects; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        auto session = startExec();
+        std::string stream;
+        for (int k = 0; k < 20; ++k) {
+            stream += linkRequest(next + k);
+        }
+        ASSERT_TRUE(session->send(stream));
+        const int waitFor = std::uniform_int_distribution<int>(0, 19)(random);
+        for (int k = 0; k < waitFor; ++k) {
+            expectLinked(session->readLine(), next + k);
+        }
+        std::this_thread::sleep_for(
+            std::chrono::microseconds(std::uniform_int_distribution<int>(0, 3000)(random)));
+        session->kill();
+        next += 20;
+        if (next + 20 > kSubjects) {
+            // Start over on a fresh set of subjects: end the links made so far.
+            expectEverythingAcknowledgedIsThere();
+            openPool()->write([](store::Connection& db) {
+                db.executeScript("UPDATE identity_membership SET ended_at = 'x'");
+            });
+            acknowledged_.clear();
+            next = 0;
+        }
+    }
+    expectEverythingAcknowledgedIsThere();
+    std::vector<std::string> arguments{"check", "--db", path_.string()};
+    if (GetParam()) {
+        arguments.insert(arguments.end(), {"--key", kTestKey});
+    }
+    ChildProcess check(ORVIK_IDENTITY_BIN, arguments);
+    const auto [lines, exitCode] = check.finish();
+    std::string report;
+    for (const auto& line : lines) {
+        report += line + "\n";
+    }
+    EXPECT_EQ(exitCode, 0) << report << check.errorOutput();
 }
 
 INSTANTIATE_TEST_SUITE_P(EncryptedAndPlain, MultiProcess,
