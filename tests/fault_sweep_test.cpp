@@ -235,6 +235,7 @@ TEST(FaultSweep, EveryWriteAndSyncOfEveryCorrectionFailsCleanly) {
                 World w(vfs);
                 const Op op = correction.prepare(w);
                 const std::string before = w.db.dump();
+                w.events.clear();
                 test::FaultVfs::arm(target, n);
                 bool threw = false;
                 try {
