@@ -62,10 +62,11 @@ QSize screenshotSize(const std::string& screen) {
 }
 
 void addModuleImportPaths(QQmlApplicationEngine& engine) {
-    // The module sits in <build>/qml next to <build>/app, and in <prefix>/lib/qml
-    // next to <prefix>/bin once installed. Qt's own QML directory is searched anyway.
+    // The module sits in <build>/qml, two levels above <build>/app/desktop, and in
+    // <prefix>/lib/qml next to <prefix>/bin once installed. Qt's own QML directory
+    // is searched anyway.
     const QDir programDir(QCoreApplication::applicationDirPath());
-    for (const char* relative : {"../qml", "../lib/qml"}) {
+    for (const char* relative : {"../../qml", "../lib/qml"}) {
         const QString candidate = QDir::cleanPath(programDir.filePath(QString::fromUtf8(relative)));
         if (QDir(candidate + "/Orvik/Identity").exists()) {
             engine.addImportPath(candidate);
