@@ -11,6 +11,10 @@
 
 namespace orvik::app {
 
+using codec::BadRequest;
+using codec::FieldReader;
+using codec::toJson;
+
 namespace {
 
 using identity::IdentityRepository;
@@ -28,8 +32,8 @@ struct Operation {
 // repository is called.
 struct CandidateDecision {
     explicit CandidateDecision(const FieldReader& args)
-        : candidate(args.get("candidate", candidateFromJson)),
-          subjectLineage(args.get("subjectLineage", subjectLineageFromJson)),
+        : candidate(args.read<identity::IdentityCandidate>("candidate")),
+          subjectLineage(args.read<schema::SubjectLineage>("subjectLineage")),
           subjectID(args.text("subjectID")) {}
 
     identity::IdentityCandidate candidate;
@@ -49,14 +53,14 @@ Json confirmManualLink(IdentityRepository& repository, const FieldReader& args) 
                          " and " + args.pathOf("b") + ")");
     }
     if (hasTargets) {
-        const auto targets = args.list("targets", manualLinkTargetFromJson);
-        const auto lineage = args.get("subjectLineage", subjectLineageFromJson);
+        const auto targets = args.read<std::vector<identity::ManualLinkTarget>>("targets");
+        const auto lineage = args.read<schema::SubjectLineage>("subjectLineage");
         const auto subjectID = args.text("subjectID");
         return toJson(repository.confirmManualLink(targets, lineage, subjectID));
     }
-    const auto a = args.get("a", sourceIdentityFromJson);
-    const auto b = args.get("b", sourceIdentityFromJson);
-    const auto lineage = args.get("subjectLineage", subjectLineageFromJson);
+    const auto a = args.read<identity::SourceIdentityRow>("a");
+    const auto b = args.read<identity::SourceIdentityRow>("b");
+    const auto lineage = args.read<schema::SubjectLineage>("subjectLineage");
     const auto subjectID = args.text("subjectID");
     return toJson(repository.confirmManualLink(a, b, lineage, subjectID));
 }
@@ -97,17 +101,17 @@ constexpr std::array kOperations{
     Operation{"linkIdentity",
               [](IdentityRepository& repository, const FieldReader& args) {
                   return toJson(
-                      repository.linkIdentity(args.get("request", linkIdentityRequestFromJson)));
+                      repository.linkIdentity(args.read<schema::LinkIdentityRequest>("request")));
               }},
     Operation{"proposeMerge",
               [](IdentityRepository& repository, const FieldReader& args) {
                   return toJson(
-                      repository.proposeMerge(args.get("request", proposeMergeRequestFromJson)));
+                      repository.proposeMerge(args.read<schema::ProposeMergeRequest>("request")));
               }},
     Operation{"markDifferent",
               [](IdentityRepository& repository, const FieldReader& args) {
                   return toJson(
-                      repository.markDifferent(args.get("request", markDifferentRequestFromJson)));
+                      repository.markDifferent(args.read<schema::MarkDifferentRequest>("request")));
               }},
     Operation{"confirmCandidate",
               [](IdentityRepository& repository, const FieldReader& args) {
@@ -125,15 +129,15 @@ constexpr std::array kOperations{
     Operation{"confirmManualLink", confirmManualLink},
     Operation{"batchConfirmManualLink",
               [](IdentityRepository& repository, const FieldReader& args) {
-                  const auto rows = args.list("rows", sourceIdentityFromJson);
-                  const auto lineage = args.get("subjectLineage", subjectLineageFromJson);
+                  const auto rows = args.read<std::vector<identity::SourceIdentityRow>>("rows");
+                  const auto lineage = args.read<schema::SubjectLineage>("subjectLineage");
                   const auto subjectID = args.text("subjectID");
                   return toJson(repository.batchConfirmManualLink(rows, lineage, subjectID));
               }},
     Operation{"predictManualLinkSurvivor",
               [](IdentityRepository& repository, const FieldReader& args) {
                   return toJson(repository.predictManualLinkSurvivor(
-                      args.list("targets", manualLinkTargetFromJson)));
+                      args.read<std::vector<identity::ManualLinkTarget>>("targets")));
               }},
     Operation{"separateIdentity",
               [](IdentityRepository& repository, const FieldReader& args) {
@@ -164,7 +168,7 @@ constexpr std::array kOperations{
     Operation{"undoOwnerAliasMutation",
               [](IdentityRepository& repository, const FieldReader& args) {
                   repository.undoOwnerAliasMutation(
-                      args.get("mutation", ownerAliasMutationFromJson));
+                      args.read<identity::OwnerAliasMutation>("mutation"));
                   return Json(nullptr);
               }},
 

@@ -19,12 +19,14 @@
 #include <string_view>
 #include <vector>
 
-#include "app/JsonCodec.h"
+#include "codec/RecordCodec.h"
 #include "identity/IdentityCorrectionWitness.h"
 #include "identity/IdentityRepository.h"
 #include "store/Database.h"
 
 namespace orvik::app {
+
+using codec::Json;
 
 class ExecSession {
   public:

@@ -22,6 +22,13 @@ class CommandError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// A command line that cannot be understood: reported like CommandError, with the
+// exit status of a usage error (2).
+class UsageError : public CommandError {
+  public:
+    using CommandError::CommandError;
+};
+
 // The options every subcommand takes to locate the store.
 struct StoreArguments {
     std::string db;

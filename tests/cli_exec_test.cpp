@@ -363,6 +363,9 @@ TEST(CliCorrections, ConfirmedCandidateIsWitnessedAndUndoneOnce) {
 
     const Json undone = call(session, "undoConfirmation", {{"mergeEventIDs", eventIDs}});
     ASSERT_EQ(undone["ok"].size(), 2u) << undone;
+    EXPECT_EQ(undone["ok"][0].size(), 4u) << undone;
+    EXPECT_TRUE(undone["ok"][0].contains("restoredClaimCount")) << undone;
+    EXPECT_TRUE(undone["ok"][0].contains("restoredMembershipCount")) << undone;
     EXPECT_EQ(undone["ok"][1]["mergeEventID"], eventIDs[1]);
     ASSERT_EQ(undone["witness"].size(), 1u) << undone;
     EXPECT_EQ(undone["witness"][0]["kind"], "undo-confirmation");
@@ -386,6 +389,197 @@ TEST(CliCorrections, ConfirmedCandidateIsWitnessedAndUndoneOnce) {
     EXPECT_EQ(mutation["insertedExclusions"].size(), 1u) << declared;
     EXPECT_EQ(call(session, "undoOwnerAliasMutation", {{"mutation", mutation}})["ok"], nullptr);
     EXPECT_EQ(store.dump(aliasTables), before);
+
+    auto [rest, exitCode] = session.finish();
+    EXPECT_EQ(rest, Lines{});
+    EXPECT_EQ(exitCode, 0) << session.errorOutput();
+}
+
+// The keys of an answer object, in order: every field of the record's JSON form.
+std::vector<std::string> keysOf(const nlohmann::ordered_json& object) {
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : object.items()) {
+        keys.push_back(key);
+    }
+    return keys;
+}
+
+const std::vector<std::string> kIdentityKeys{"id",          "sourceType",  "handleNormalized",
+                                             "displayName", "firstSeenAt", "lastSeenAt",
+                                             "createdAt"};
+
+// Every operation that the confirmation test does not reach, in one session: each
+// answer has exactly the documented keys, and records the session answered are
+// accepted back as arguments.
+TEST(CliCorrections, EveryRecordTravelsWithItsDocumentedKeys) {
+    using Ordered = nlohmann::ordered_json;
+    TestDatabase store;
+    store.addIdentity("si-1", "gmail", "ana@example.com", "Ana");
+    store.addIdentity("si-2", "imessage", "+15550001", "Ana M");
+    store.addIdentity("si-3", "outlook", "bo@example.com");
+    store.addIdentity("si-4", "outlook", "cy@example.com");
+    store.addIdentity("si-5", "gmail", "dee@example.com");
+    store.addIdentity("si-6", "gmail", "eve@example.com");
+    store.addPerson("p-ana", {}, "Ana", "user_stated");
+    store.addPerson("p-bo", {}, "Bo", "user_stated");
+    store.addMembership("m-2", "si-2", "p-ana");
+    store.addMembership("m-3", "si-3", "p-bo");
+    store.exec(
+        "INSERT INTO claim VALUES ('c-ana','p-ana',NULL,'display_name','user_stated','Ana')");
+    CliProcess session({"exec", "--db", store.path().string()});
+    const auto ok = [&](const std::string& op, const Json& args) {
+        static int sent = 0;
+        const Json request{{"id", "k" + std::to_string(++sent)}, {"op", op}, {"args", args}};
+        session.send(request.dump() + "\n");
+        const auto line = session.readLine();
+        if (!line) {
+            throw std::runtime_error("no answer to " + op);
+        }
+        Ordered answer = Ordered::parse(*line);
+        EXPECT_TRUE(answer.contains("ok")) << op << ": " << *line;
+        return answer;
+    };
+    const auto row = [&](const std::string& id) {
+        return ok("sourceIdentity", {{"id", id}})["ok"];
+    };
+
+    const auto memberships = ok("activeMemberships", {{"personID", "p-ana"}})["ok"];
+    ASSERT_EQ(memberships.size(), 1u);
+    EXPECT_EQ(keysOf(memberships[0]),
+              (Lines{"id", "sourceIdentityID", "canonicalPersonID", "state", "because", "decidedBy",
+                     "decidedAt", "endedAt", "createdAt"}));
+    EXPECT_EQ(memberships[0]["sourceIdentityID"], "si-2");
+
+    const auto linked =
+        ok("linkIdentity",
+           {{"request",
+             {{"personID", "p-ana"}, {"sourceIdentityID", "si-1"}, {"confirmed", true}}}})["ok"];
+    EXPECT_EQ(keysOf(linked), (Lines{"because", "message", "taxonomy", "mergeEventID", "status"}));
+    EXPECT_EQ(linked["status"], "linked") << linked;
+    EXPECT_EQ(linked["taxonomy"], 0);
+    const auto latest = ok("latestUndoableMergeEvent", {{"personID", "p-ana"}})["ok"];
+    EXPECT_EQ(keysOf(latest),
+              (Lines{"id", "survivingPersonID", "absorbedPersonID", "preMergeStateJSON", "because",
+                     "decidedBy", "createdAt", "reversedAt", "operationID"}));
+    EXPECT_EQ(latest["id"], linked["mergeEventID"]);
+
+    const auto proposed = ok("proposeMerge", {{"request",
+                                               {{"presetValue", 7},
+                                                {"personIDA", "p-ana"},
+                                                {"personIDB", "p-bo"},
+                                                {"subjectID", "p-ana"},
+                                                {"subjectLineage", "person"},
+                                                {"confirmed", true}}}})["ok"];
+    EXPECT_EQ(keysOf(proposed),
+              (Lines{"because", "message", "taxonomy", "mergeEventID", "status"}));
+    EXPECT_EQ(proposed["status"], "merged") << proposed;
+    EXPECT_EQ(ok("resolveCanonicalPerson", {{"sourceIdentityID", "si-3"}})["ok"]["personID"],
+              "p-ana");
+    const auto absorbed = ok("person", {{"id", "p-bo"}})["ok"];
+    EXPECT_EQ(keysOf(absorbed), (Lines{"id", "displayName", "tier", "createdFrom",
+                                       "mergedIntoPersonID", "createdAt"}));
+    EXPECT_EQ(absorbed["mergedIntoPersonID"], "p-ana");
+
+    const auto history = ok("identityHistory", {{"personID", "p-ana"}})["ok"];
+    ASSERT_EQ(history.size(), 2u) << history;
+    EXPECT_EQ(keysOf(history[1]),
+              (Lines{"mergeEventID", "kind", "occurredAt", "reversedAt", "because",
+                     "survivingPersonID", "absorbedPersonID", "involvedSourceIdentityIDs",
+                     "providers", "operationID", "mergeEventIDs"}));
+    EXPECT_EQ(history[0]["kind"], "linked");
+    EXPECT_EQ(history[1]["kind"], "merged");
+    EXPECT_EQ(history[1]["absorbedPersonID"], "p-bo");
+    EXPECT_EQ(history[1]["mergeEventIDs"], Ordered::array({proposed["mergeEventID"]}));
+
+    // Separation moves si-3 out to a stub person; marking that stub different from
+    // Ana writes a constraint.
+    const auto separated =
+        ok("separateIdentity", {{"sourceIdentityID", "si-3"}, {"subjectID", "u"}});
+    EXPECT_EQ(keysOf(separated["ok"]), (Lines{"personID", "mergeEventIDs"}));
+    EXPECT_EQ(separated["witness"][0]["kind"], "separate-identity");
+    const std::string stub = separated["ok"]["personID"];
+    const auto different = ok("markDifferent", {{"request",
+                                                 {{"reason", "not her"},
+                                                  {"presetValue", nullptr},
+                                                  {"personIDA", "p-ana"},
+                                                  {"personIDB", stub},
+                                                  {"subjectID", "p-ana"},
+                                                  {"subjectLineage", "person"}}}})["ok"];
+    EXPECT_EQ(keysOf(different), (Lines{"constraintID", "refused", "message", "taxonomy"}));
+    EXPECT_EQ(different["refused"], false) << different;
+    EXPECT_TRUE(different["constraintID"].is_string()) << different;
+
+    // A rejected candidate built from answered rows.
+    const Json candidate{{"sourceIdentityA", row("si-5")},
+                         {"sourceIdentityB", row("si-6")},
+                         {"existingPersonID", nullptr},
+                         {"score", 0.5},
+                         {"because", "same domain"}};
+    const auto rejected =
+        ok("rejectCandidate",
+           {{"candidate", candidate}, {"subjectLineage", "grouping"}, {"subjectID", "g-1"}});
+    EXPECT_EQ(rejected["ok"], nullptr);
+    EXPECT_EQ(rejected["witness"][0]["kind"], "reject-candidate");
+
+    // Manual links in all three forms; the prediction echoes its targets.
+    const Ordered targets =
+        Ordered::array({Ordered{{"person", "p-ana"}}, Ordered{{"identity", row("si-4")}}});
+    const auto prediction = ok("predictManualLinkSurvivor", {{"targets", targets}})["ok"];
+    EXPECT_EQ(keysOf(prediction), (Lines{"targets", "personID", "survivorTargets"}));
+    EXPECT_EQ(prediction["targets"], targets);
+    EXPECT_EQ(prediction["personID"], "p-ana");
+    EXPECT_EQ(prediction["survivorTargets"], Ordered::array({targets[0]}));
+    const auto byTargets =
+        ok("confirmManualLink",
+           {{"targets", targets}, {"subjectLineage", "person"}, {"subjectID", "u"}});
+    EXPECT_EQ(byTargets["ok"]["personID"], "p-ana") << byTargets;
+    EXPECT_EQ(byTargets["witness"][0]["kind"], "confirm-manual-link");
+    const auto pair = ok(
+        "confirmManualLink",
+        {{"a", row("si-5")}, {"b", row("si-4")}, {"subjectLineage", "person"}, {"subjectID", "u"}});
+    EXPECT_EQ(pair["ok"]["personID"], "p-ana") << pair;
+    const auto batch =
+        ok("batchConfirmManualLink", {{"rows", Ordered::array({row("si-6"), row("si-5")})},
+                                      {"subjectLineage", "person"},
+                                      {"subjectID", "u"}});
+    EXPECT_EQ(batch["witness"][0]["kind"], "batch-confirm-manual-link") << batch;
+    EXPECT_EQ(ok("resolveCanonicalPerson", {{"sourceIdentityID", "si-6"}})["ok"]["personID"],
+              "p-ana");
+
+    // Searches answer rows equal to the reads; si-3, separated from si-1, is left out.
+    const auto found =
+        ok("searchSourceIdentities",
+           {{"query", "example"}, {"limit", 50}, {"excludingSourceIdentityIDs", {"si-1"}}})["ok"];
+    ASSERT_FALSE(found.empty());
+    for (const auto& item : found) {
+        EXPECT_NE(item["id"], "si-3");
+        EXPECT_EQ(item, row(item["id"]));
+    }
+    EXPECT_EQ(keysOf(found[0]), kIdentityKeys);
+    const auto people =
+        ok("searchUserStatedPeople",
+           {{"query", "a"}, {"limit", 5}, {"excludingPersonIDs", Ordered::array()}})["ok"];
+    ASSERT_EQ(people.size(), 1u) << people;
+    EXPECT_EQ(keysOf(people[0]), (Lines{"id", "displayName", "createdAt"}));
+    EXPECT_EQ(people[0]["displayName"], "Ana");
+
+    const auto context = ok("candidateContext", {{"for", "si-2"}, {"relativeTo", {"si-1"}}})["ok"];
+    EXPECT_EQ(keysOf(context),
+              (Lines{"sourceIdentityID", "provider", "displayName", "conversationCount",
+                     "lastSeenAt", "sharedThreadCount", "exactHandleMatch"}));
+    EXPECT_EQ(context["provider"], "imessage");
+    EXPECT_EQ(context["displayName"], "Ana M");
+
+    const auto aliases = ok("batchDeclareOwnerAlias", {{"sourceIdentityIDs", {"si-2", "si-1"}},
+                                                       {"subjectID", "owner"}})["ok"];
+    EXPECT_EQ(keysOf(aliases), (Lines{"perIdentity", "mutation"}));
+    ASSERT_EQ(aliases["perIdentity"].size(), 2u);
+    EXPECT_EQ(keysOf(aliases["perIdentity"][0]), (Lines{"excludedPersonID", "wasNewAlias"}));
+    EXPECT_EQ(aliases["perIdentity"][0]["wasNewAlias"], true);
+    EXPECT_EQ(keysOf(aliases["mutation"]["insertedAliases"][1]),
+              (Lines{"sourceIdentityID", "sourceType", "handleNormalized"}));
+    EXPECT_EQ(aliases["mutation"]["insertedAliases"][1]["handleNormalized"], "ana@example.com");
+    EXPECT_EQ(ok("undoOwnerAliasMutation", {{"mutation", aliases["mutation"]}})["ok"], nullptr);
 
     auto [rest, exitCode] = session.finish();
     EXPECT_EQ(rest, Lines{});
