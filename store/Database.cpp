@@ -1,11 +1,12 @@
 #include "store/Database.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/rand.h>
 #include <sqlite3.h>
 
 #include <array>
 #include <cstring>
-#include <fstream>
 
 namespace orvik::store {
 
@@ -252,8 +253,8 @@ class Connection::Lease {
     std::unique_ptr<Statement> owned_;
 };
 
-Connection::Connection(const std::filesystem::path& path, int openFlags) {
-    const int rc = sqlite3_open_v2(path.c_str(), &db_, openFlags, nullptr);
+Connection::Connection(const std::filesystem::path& path, int openFlags, const char* vfs) {
+    const int rc = sqlite3_open_v2(path.c_str(), &db_, openFlags, vfs);
     if (rc != SQLITE_OK) {
         const int code = db_ ? sqlite3_extended_errcode(db_) : rc;
         std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
@@ -290,6 +291,14 @@ void Connection::countStatement(const std::string& sql) {
         fault_->fired = true;
         throw DatabaseError(fault_->code,
                             std::string("injected fault: ") + sqlite3_errstr(fault_->code), sql);
+    }
+}
+
+void Connection::checkCommitFault() {
+    if (fault_ != nullptr && !fault_->fired && fault_->failAtStatement == FaultPlan::atCommit) {
+        fault_->fired = true;
+        throw DatabaseError(
+            fault_->code, std::string("injected fault: ") + sqlite3_errstr(fault_->code), "COMMIT");
     }
 }
 
@@ -374,9 +383,10 @@ void Connection::fail(int code, const std::string& sql) const {
 // ---------------------------------------------------------------------------
 // Transaction
 
-Transaction::Transaction(Connection& db, Mode mode, FaultPlan* fault) : db_(db) {
+Transaction::Transaction(Connection& db, Mode mode, std::shared_ptr<FaultPlan> fault)
+    : db_(db), fault_(std::move(fault)) {
     db_.executeScript(mode == Mode::immediate ? "BEGIN IMMEDIATE" : "BEGIN");
-    db_.beginCounting(fault);
+    db_.beginCounting(fault_.get());
 }
 
 Transaction::~Transaction() {
@@ -393,8 +403,11 @@ void Transaction::commit() {
         return;
     }
     try {
+        db_.checkCommitFault();
         db_.executeScript("COMMIT");
     } catch (...) {
+        // A COMMIT that failed may leave the transaction open (SQLITE_BUSY does):
+        // nothing of it may stay pending on the connection.
         if (!db_.autocommit()) {
             sqlite3_exec(db_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
         }
@@ -415,15 +428,73 @@ constexpr int kKeyLength = 32;
 // SQLCipher 3's default key derivation: PBKDF2-HMAC-SHA1, 64000 iterations.
 constexpr int kKdfIterations = 64000;
 
-std::optional<std::array<unsigned char, kSaltLength>> readSalt(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::array<unsigned char, kSaltLength> salt{};
-    if (!in.read(reinterpret_cast<char*>(salt.data()), kSaltLength)) {
+using Salt = std::array<unsigned char, kSaltLength>;
+
+// The salt of the main database of an open connection, read through SQLite's own
+// handle of the file. Another descriptor of the file must never be opened and
+// closed here: closing it would drop every POSIX lock this process holds on the
+// file, and another process could then delete the WAL that we are still using.
+// Absent when the file is empty (a new database) or shorter than a salt.
+std::optional<Salt> saltOf(sqlite3* db) {
+    sqlite3_file* file = nullptr;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+        file == nullptr || file->pMethods == nullptr) {
+        return std::nullopt;
+    }
+    sqlite3_int64 size = 0;
+    if (file->pMethods->xFileSize(file, &size) != SQLITE_OK || size < kSaltLength) {
+        return std::nullopt;
+    }
+    Salt salt{};
+    if (file->pMethods->xRead(file, salt.data(), kSaltLength, 0) != SQLITE_OK) {
         return std::nullopt;
     }
     return salt;
 }
+
+// The database file has no byte yet: its salt is ours to choose.
+bool emptyFile(sqlite3* db) {
+    sqlite3_file* file = nullptr;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+        file == nullptr || file->pMethods == nullptr) {
+        return false;
+    }
+    sqlite3_int64 size = -1;
+    return file->pMethods->xFileSize(file, &size) == SQLITE_OK && size == 0;
+}
+
+// "PRAGMA key" with the raw key derived from the passphrase and the salt: a
+// connection keyed this way skips SQLCipher's own derivation.
+std::optional<std::string> rawKeyPragma(const std::string& passphrase, const Salt& salt) {
+    std::array<unsigned char, kKeyLength> key{};
+    if (PKCS5_PBKDF2_HMAC_SHA1(passphrase.data(), static_cast<int>(passphrase.size()), salt.data(),
+                               kSaltLength, kKdfIterations, kKeyLength, key.data()) != 1) {
+        return std::nullopt;
+    }
+    std::string pragma =
+        "PRAGMA key = \"x'" + hex(key.data(), key.size()) + hex(salt.data(), salt.size()) + "'\"";
+    OPENSSL_cleanse(key.data(), key.size());
+    return pragma;
+}
 #endif
+
+// Waits for a lock held by another connection in short, slightly random naps up to
+// the timeout. SQLite's own handler naps up to 100 ms at a time, long enough for
+// other writers to take the lock again and again in between.
+int waitForLock(void* context, int attempt) {
+    const auto* timeout = static_cast<const std::chrono::milliseconds*>(context);
+    thread_local std::uint32_t seed =
+        0x9e3779b9u ^ static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&seed));
+    seed = seed * 1664525u + 1013904223u;
+    // About 2 ms per attempt on average.
+    const int napMicros = 500 + static_cast<int>((seed >> 8) % 3000);
+    const auto waited = std::chrono::microseconds(static_cast<std::int64_t>(attempt) * 2000);
+    if (waited >= *timeout) {
+        return 0;
+    }
+    sqlite3_sleep((napMicros + 999) / 1000);
+    return 1;
+}
 
 }  // namespace
 
@@ -445,33 +516,46 @@ DatabasePool::DatabasePool(std::filesystem::path path, PoolOptions options)
                             "this build uses plain SQLite and cannot open an encrypted database");
     }
 #endif
-    if (keyed_) {
-        readerKeyPragma_ = "PRAGMA key = " + sqlLiteral(*options_.key);
-    }
     writer_ = openConnection(true);
 }
 
 DatabasePool::~DatabasePool() = default;
-
-void DatabasePool::applyKey(Connection& db) {
-    // The key must be the first statement on a new connection.
-    if (keyed_) {
-        db.executeScript(readerKeyPragma_);
-    }
-}
 
 std::unique_ptr<Connection> DatabasePool::openConnection(bool writer) {
     int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
     if (writer && options_.create) {
         flags |= SQLITE_OPEN_CREATE;
     }
-    auto db = std::make_unique<Connection>(path_, flags);
-    applyKey(*db);
-    db->executeScript("PRAGMA busy_timeout = " + std::to_string(options_.busyTimeout.count()));
+    const char* vfs = options_.vfs.empty() ? nullptr : options_.vfs.c_str();
+    auto db = newConnection(flags, vfs);
+    if (writer) {
+        keyWriter(db, flags, vfs);
+    } else if (keyed_) {
+        // The key must be the first statement on a new connection.
+        db->executeScript(keyPragma_);
+    }
     // The first read of the schema fails with SQLITE_NOTADB on a wrong key or a file
     // that is not a database; nothing has been written yet.
+    verifyReadable(*db);
+    if (writer) {
+        db->executeScript("PRAGMA journal_mode = WAL");
+        db->executeScript("PRAGMA synchronous = NORMAL");
+    } else {
+        db->executeScript("PRAGMA query_only = 1");
+    }
+    return db;
+}
+
+std::unique_ptr<Connection> DatabasePool::newConnection(int flags, const char* vfs) {
+    auto db = std::make_unique<Connection>(path_, flags, vfs);
+    // Set before anything touches the file, the key check included.
+    sqlite3_busy_handler(db->handle(), &waitForLock, &options_.busyTimeout);
+    return db;
+}
+
+void DatabasePool::verifyReadable(Connection& db) const {
     try {
-        db->executeScript("SELECT count(*) FROM sqlite_master");
+        db.executeScript("SELECT count(*) FROM sqlite_master");
     } catch (const DatabaseError& error) {
         if (error.primaryCode() == SQLITE_NOTADB) {
             throw DatabaseError(error.code(),
@@ -481,37 +565,46 @@ std::unique_ptr<Connection> DatabasePool::openConnection(bool writer) {
         }
         throw;
     }
-    if (writer) {
-        db->executeScript("PRAGMA journal_mode = WAL");
-        db->executeScript("PRAGMA synchronous = NORMAL");
+}
+
+void DatabasePool::keyWriter(std::unique_ptr<Connection>& db, [[maybe_unused]] int flags,
+                             [[maybe_unused]] const char* vfs) {
+    if (!keyed_) {
+        return;
+    }
 #ifdef ORVIK_HAS_SQLCIPHER
-        if (keyed_) {
-            // Derive the key once here; readers get the raw key and the file's salt
-            // and skip the costly derivation.
-            if (auto salt = readSalt(path_)) {
-                std::array<unsigned char, kKeyLength> key{};
-                if (PKCS5_PBKDF2_HMAC_SHA1(
-                        options_.key->data(), static_cast<int>(options_.key->size()), salt->data(),
-                        kSaltLength, kKdfIterations, kKeyLength, key.data()) == 1) {
-                    const std::string raw = "PRAGMA key = \"x'" + hex(key.data(), key.size()) +
-                                            hex(salt->data(), salt->size()) + "'\"";
-                    // Keep the raw key only when a connection really opens with it
-                    // (a database with non-default cipher settings would not).
-                    try {
-                        Connection probe(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX);
-                        probe.executeScript(raw);
-                        probe.executeScript("SELECT count(*) FROM sqlite_master");
-                        readerKeyPragma_ = raw;
-                    } catch (const DatabaseError&) {
-                    }
+    // The key is derived once per pool, here: the salt is read through the writer's
+    // own file handle (or chosen for a new file), and every connection, the writer
+    // included, is keyed with the raw key and that salt.
+    std::optional<Salt> salt = saltOf(db->handle());
+    if (!salt && emptyFile(db->handle())) {
+        Salt fresh{};
+        if (RAND_bytes(fresh.data(), kSaltLength) == 1) {
+            salt = fresh;
+        }
+    }
+    if (salt) {
+        if (auto raw = rawKeyPragma(*options_.key, *salt)) {
+            db->executeScript(*raw);
+            try {
+                verifyReadable(*db);
+                keyPragma_ = std::move(*raw);
+                return;
+            } catch (const DatabaseError& error) {
+                if (error.primaryCode() != SQLITE_NOTADB) {
+                    throw;
                 }
             }
+            // A wrong passphrase, cipher settings other than the defaults, or a
+            // file that another process created meanwhile with its own salt: start
+            // over with the passphrase and let SQLCipher decide. Closing a
+            // connection is safe; SQLite keeps its locks consistent.
+            db = newConnection(flags, vfs);
         }
-#endif
-    } else {
-        db->executeScript("PRAGMA query_only = 1");
     }
-    return db;
+    keyPragma_ = "PRAGMA key = " + sqlLiteral(*options_.key);
+    db->executeScript(keyPragma_);
+#endif
 }
 
 DatabasePool::ReaderLease::ReaderLease(DatabasePool& pool) : pool_(pool) {
@@ -550,33 +643,50 @@ void DatabasePool::checkpoint() {
 void DatabasePool::armFault(FaultPlan plan) {
     std::lock_guard lock(faultMutex_);
     plan.fired = false;
-    armedFault_ = std::make_unique<FaultPlan>(plan);
+    armedFault_ = plan;
+    ++faultGeneration_;
+    faultClaimed_ = false;
+    faultFired_ = false;
     faultArmed_ = true;
 }
 
 void DatabasePool::disarmFault() {
     std::lock_guard lock(faultMutex_);
     armedFault_.reset();
+    ++faultGeneration_;
+    faultClaimed_ = false;
     faultArmed_ = false;
 }
 
 bool DatabasePool::faultFired() const {
     std::lock_guard lock(faultMutex_);
-    return armedFault_ && armedFault_->fired;
+    return faultFired_;
 }
 
-FaultPlan* DatabasePool::takeFault(bool forWrite) {
-    if (!faultArmed_.load(std::memory_order_relaxed)) {
+std::shared_ptr<FaultPlan> DatabasePool::takeFault(bool forWrite) {
+    if (!faultArmed_.load(std::memory_order_acquire)) {
         return nullptr;
     }
     std::lock_guard lock(faultMutex_);
-    if (!armedFault_ || armedFault_->fired) {
+    if (!armedFault_ || faultClaimed_ || (armedFault_->writesOnly && !forWrite)) {
         return nullptr;
     }
-    if (armedFault_->writesOnly && !forWrite) {
-        return nullptr;
-    }
-    return armedFault_.get();
+    faultClaimed_ = true;
+    const std::uint64_t generation = faultGeneration_;
+    // The transaction counts on its own copy; the deleter reports back.
+    return std::shared_ptr<FaultPlan>(new FaultPlan(*armedFault_),
+                                      [this, generation](FaultPlan* claimed) {
+                                          std::lock_guard released(faultMutex_);
+                                          if (generation == faultGeneration_) {
+                                              faultClaimed_ = false;
+                                              if (claimed->fired) {
+                                                  faultFired_ = true;
+                                                  armedFault_.reset();
+                                                  faultArmed_ = false;
+                                              }
+                                          }
+                                          delete claimed;
+                                      });
 }
 
 }  // namespace orvik::store

@@ -114,10 +114,17 @@ class Row {
 };
 
 // Makes the Nth statement executed inside a transaction fail with an SQLite error,
-// so that tests can prove a failed operation leaves nothing behind. Armed on a pool
-// (DatabasePool::armFault); it fires once, in the next transaction that executes
-// that many statements, and then disarms itself. BEGIN and COMMIT are not counted.
+// or its COMMIT, so that tests can prove a failed operation leaves nothing behind.
+// Armed on a pool (DatabasePool::armFault); it fires once, in the next transaction
+// that executes that many statements (or reaches its COMMIT), and then disarms
+// itself. BEGIN is not counted. Safe to arm, disarm and query from any thread while
+// other threads run transactions: one transaction at a time holds the armed plan.
 struct FaultPlan {
+    // failAtStatement for a fault in the COMMIT, after every statement ran. The
+    // transaction is left open, as SQLite leaves it after a COMMIT that failed
+    // with SQLITE_BUSY, and must be rolled back by its owner.
+    static constexpr int atCommit = 0;
+
     // 1-based: the first statement of the transaction is 1.
     int failAtStatement = 1;
     // The extended result code reported (SQLITE_IOERR by default).
@@ -157,7 +164,7 @@ class Statement {
 // hands a connection to one transaction at a time.
 class Connection {
   public:
-    Connection(const std::filesystem::path& path, int openFlags);
+    Connection(const std::filesystem::path& path, int openFlags, const char* vfs = nullptr);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -194,6 +201,8 @@ class Connection {
     // Transaction bookkeeping used by Transaction and the fault seam.
     void beginCounting(FaultPlan* plan) noexcept;
     void endCounting() noexcept;
+    // Throws the planned fault when it targets the COMMIT.
+    void checkCommitFault();
 
     [[noreturn]] void fail(int code, const std::string& sql) const;
 
@@ -216,7 +225,9 @@ class Connection {
 class Transaction {
   public:
     enum class Mode { deferred, immediate };
-    Transaction(Connection& db, Mode mode, FaultPlan* fault = nullptr);
+    // fault: the fault seam's plan claimed for this transaction, if any; released
+    // (and reported back to the pool) when the transaction ends.
+    Transaction(Connection& db, Mode mode, std::shared_ptr<FaultPlan> fault = nullptr);
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
@@ -227,6 +238,7 @@ class Transaction {
 
   private:
     Connection& db_;
+    std::shared_ptr<FaultPlan> fault_;
     bool open_ = true;
 };
 
@@ -237,7 +249,13 @@ struct PoolOptions {
     bool create = false;
     // How many reader connections read() may use at once.
     int readerCount = 4;
-    std::chrono::milliseconds busyTimeout{5000};
+    // How long a connection waits for a lock that another process holds before it
+    // fails with SQLITE_BUSY. Readers of a WAL database wait for nobody; writers
+    // take turns.
+    std::chrono::milliseconds busyTimeout{30000};
+    // The SQLite VFS to open the file with; empty: the default. For tests that
+    // inject I/O errors.
+    std::string vfs{};
 };
 
 // One database file: one writer connection (writes serialised, BEGIN IMMEDIATE)
@@ -301,8 +319,13 @@ class DatabasePool {
   private:
     DatabasePool(std::filesystem::path path, PoolOptions options);
     std::unique_ptr<Connection> openConnection(bool writer);
-    void applyKey(Connection& db);
-    FaultPlan* takeFault(bool forWrite);
+    std::unique_ptr<Connection> newConnection(int flags, const char* vfs);
+    // Keys a new writer connection, replacing it when the first attempt failed.
+    void keyWriter(std::unique_ptr<Connection>& db, int flags, const char* vfs);
+    void verifyReadable(Connection& db) const;
+    // Claims the armed fault for one transaction: no other transaction sees it
+    // until this one ends. It is reported fired, or returned, when released.
+    std::shared_ptr<FaultPlan> takeFault(bool forWrite);
 
     class ReaderLease {
       public:
@@ -318,9 +341,9 @@ class DatabasePool {
     std::filesystem::path path_;
     PoolOptions options_;
     bool keyed_ = false;
-    // The key material the readers use: the passphrase, or once derived, the raw
-    // key with its salt, so that each reader skips the key derivation.
-    std::string readerKeyPragma_;
+    // The key every connection of the pool is given: the raw key with its salt,
+    // derived once when the writer opened (or the passphrase when that failed).
+    std::string keyPragma_;
 
     std::mutex writerMutex_;
     std::unique_ptr<Connection> writer_;
@@ -331,7 +354,11 @@ class DatabasePool {
     int openReaders_ = 0;
 
     mutable std::mutex faultMutex_;
-    std::unique_ptr<FaultPlan> armedFault_;
+    std::optional<FaultPlan> armedFault_;
+    // Counts armings, so that a claim released after a new arming leaves it alone.
+    std::uint64_t faultGeneration_ = 0;
+    bool faultClaimed_ = false;
+    bool faultFired_ = false;
     std::atomic<bool> faultArmed_ = false;
 };
 

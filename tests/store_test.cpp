@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <atomic>
 #include <fstream>
 #include <thread>
 
@@ -180,6 +181,84 @@ TEST(FaultSeam, FailsTheNthStatementOnceAndRollsBack) {
     threeInserts();
     EXPECT_EQ(countRows(*pool), 4);
 }
+
+// A COMMIT that fails leaves nothing pending: the writes are gone and the writer
+// is free for the next transaction.
+TEST(FaultSeam, AFailedCommitRollsBack) {
+    TempDir dir;
+    auto pool = openFresh(dir.path() / "c.db", std::nullopt);
+    pool->armFault(FaultPlan{.failAtStatement = FaultPlan::atCommit,
+                             .code = SQLITE_BUSY,
+                             .writesOnly = true,
+                             .fired = false});
+    EXPECT_THROW(pool->write([](Connection& db) { db.run("INSERT INTO t VALUES ('lost', NULL)"); }),
+                 DatabaseError);
+    EXPECT_TRUE(pool->faultFired());
+    pool->write([](Connection& db) {
+        EXPECT_EQ(*db.scalarInteger("SELECT count(*) FROM t"), 0);
+        db.run("INSERT INTO t VALUES ('kept', NULL)");
+    });
+    EXPECT_EQ(countRows(*pool), 1);
+}
+
+// Armed and disarmed while other threads run transactions, the seam fires at most
+// once per arming and only where it was meant to.
+TEST(FaultSeam, IsSafeToUseFromSeveralThreads) {
+    TempDir dir;
+    auto pool = openFresh(dir.path() / "th.db", std::nullopt);
+    std::atomic<int> failures = 0;
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 4; ++t) {
+        workers.emplace_back([&, t] {
+            while (!stop) {
+                try {
+                    if (t % 2 == 0) {
+                        pool->write([](Connection& db) {
+                            db.run("INSERT INTO t VALUES ('w', NULL)");
+                            db.run("DELETE FROM t WHERE k = 'w'");
+                        });
+                    } else {
+                        (void)countRows(*pool);
+                    }
+                } catch (const DatabaseError& error) {
+                    EXPECT_EQ(error.code(), SQLITE_IOERR_WRITE);
+                    ++failures;
+                }
+            }
+        });
+    }
+    int fired = 0;
+    for (int round = 0; round < 200; ++round) {
+        pool->armFault(FaultPlan{
+            .failAtStatement = 2, .code = SQLITE_IOERR_WRITE, .writesOnly = true, .fired = false});
+        std::this_thread::yield();
+        fired += pool->faultFired() ? 1 : 0;
+        pool->disarmFault();
+    }
+    stop = true;
+    for (auto& worker : workers) {
+        worker.join();
+    }
+    EXPECT_LE(failures.load(), 200);
+    EXPECT_LE(fired, failures.load());
+    EXPECT_EQ(countRows(*pool), 0);
+}
+
+#ifdef ORVIK_HAS_SQLCIPHER
+// The pool derives the key once and keys every connection with the raw key and
+// the file's salt; a connection given only the passphrase reads the same file.
+TEST(PoolOpening, APoolsStoreOpensWithThePassphraseAlone) {
+    TempDir dir;
+    const auto path = dir.path() / "k.db";
+    openFresh(path, "pass phrase")->write([](Connection& db) {
+        db.run("INSERT INTO t VALUES ('a', '1')");
+    });
+    Connection plain(path, SQLITE_OPEN_READWRITE);
+    plain.executeScript("PRAGMA key = 'pass phrase'");
+    EXPECT_EQ(*plain.scalarInteger("SELECT count(*) FROM t"), 1);
+}
+#endif
 
 }  // namespace
 }  // namespace orvik::store
