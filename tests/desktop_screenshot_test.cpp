@@ -16,13 +16,13 @@
 
 namespace {
 
-struct Run {
+struct CommandRun {
     int status = -1;
     std::string output;
 };
 
-Run run(const std::string& command) {
-    Run result;
+CommandRun run(const std::string& command) {
+    CommandRun result;
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (pipe == nullptr) {
         return result;
@@ -47,7 +47,7 @@ class DesktopScreenshot : public ::testing::Test {
                "suppressions=" ORVIK_QT_LSAN_SUPPRESSIONS ":print_suppressions=0", 0);
         dir_ = new orvik::test::TempDir();
         store_ = dir_->path() / "demo.db";
-        const Run demo = run(std::string(ORVIK_IDENTITY_BIN) + " demo --db " + quoted(store_));
+        const CommandRun demo = run(std::string(ORVIK_IDENTITY_BIN) + " demo --db " + quoted(store_));
         ASSERT_EQ(demo.status, 0) << demo.output;
         std::smatch match;
         const std::regex uuid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
@@ -59,7 +59,7 @@ class DesktopScreenshot : public ::testing::Test {
     // Renders a screen and returns the image; fails the test when the program does.
     static QImage shoot(const std::string& screen, const std::string& extra = "") {
         const auto file = dir_->path() / (screen + ".png");
-        const Run shot = run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(store_) +
+        const CommandRun shot = run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(store_) +
                              " --screenshot " + quoted(file) + " --screen " + screen + extra);
         EXPECT_EQ(shot.status, 0) << shot.output;
         return QImage(QString::fromStdString(file.string()));
@@ -96,13 +96,13 @@ TEST_F(DesktopScreenshot, EveryScreenRendersAtItsSize) {
 }
 
 TEST_F(DesktopScreenshot, BadArgumentsFailWithAReason) {
-    const Run missing =
+    const CommandRun missing =
         run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(dir_->path() / "absent.db") +
             " --screenshot x.png --screen candidates");
     EXPECT_NE(missing.status, 0);
     EXPECT_NE(missing.output.find("no database at"), std::string::npos) << missing.output;
 
-    const Run noPerson = run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(store_) +
+    const CommandRun noPerson = run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(store_) +
                              " --screenshot x.png --screen history");
     EXPECT_NE(noPerson.status, 0);
     EXPECT_NE(noPerson.output.find("--person"), std::string::npos) << noPerson.output;
