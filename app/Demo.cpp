@@ -909,8 +909,10 @@ void printDemoSummary(const DemoSummary& summary, const std::string& storeArgume
     line("memberships", std::to_string(summary.activeMemberships) + " active, " +
                             std::to_string(summary.possibleMemberships) + " possible");
     line("owner accounts", std::to_string(summary.ownerAccounts));
-    line("candidates", std::to_string(summary.exactKeyCandidatePairs) +
-                           " exact-key pairs waiting (as the readback counts them)");
+    // The readback stops counting candidate pairs at 50.
+    line("candidates", summary.exactKeyCandidatePairs >= 50
+                           ? std::string("50 or more pairs waiting")
+                           : std::to_string(summary.exactKeyCandidatePairs) + " pairs waiting");
     line("corrections", std::to_string(summary.correctedPersons.size()) +
                             " persons corrected through the repository:");
     std::size_t nameWidth = 0;
@@ -926,8 +928,8 @@ void printDemoSummary(const DemoSummary& summary, const std::string& storeArgume
         << "  " << kProgramName << " search " << storeArguments << " garcia\n"
         << "  " << kProgramName << " readback " << storeArguments << '\n';
     if (!summary.correctedPersons.empty()) {
-        out << "  " << kProgramName << " history " << storeArguments << " --person "
-            << summary.correctedPersons.front().personID << '\n';
+        out << "  " << kProgramName << " person " << summary.correctedPersons.front().personID
+            << ' ' << storeArguments << '\n';
     }
 }
 

@@ -4,12 +4,13 @@
 #include <cstdio>
 #include <map>
 #include <ostream>
-#include <regex>
 #include <set>
 #include <utility>
 
 #include "app/StoreAccess.h"
 #include "codec/RecordCodec.h"
+#include "identity/IdentityCorrectionView.h"
+#include "identity/IdentityHistoryView.h"
 
 namespace orvik::app {
 
@@ -41,50 +42,12 @@ std::string command(const Terminal& terminal, const std::string& what) {
 
 // --- The texts the screens show, for the same records.
 
-// A handle a person can read: a readable source, and not a 64-digit digest.
-bool readableHandle(const std::string& sourceType, const std::string& handle) {
-    static const std::set<std::string, std::less<>> kHumanKeySources{
-        "gmail",          "outlook",         "google_calendar", "apple_calendar",
-        "apple_contacts", "google_contacts", "imessage",        "hybrid_archive"};
-    static const std::regex kDigest("^[0-9a-f]{64}$");
-    return kHumanKeySources.contains(sourceType) && !std::regex_match(handle, kDigest);
-}
-
-std::string partyLabel(const identity::SourceIdentityRow& row) {
-    if (row.displayName) {
-        return *row.displayName;
-    }
-    if (readableHandle(row.sourceType, row.handleNormalized)) {
-        return row.handleNormalized;
-    }
-    return providerName(row.sourceType) + " contact";
-}
-
-// The question on a candidate's card.
 std::string cardQuestion(const identity::IdentityCandidate& candidate) {
-    const auto a = partyLabel(candidate.sourceIdentityA);
-    const auto b = partyLabel(candidate.sourceIdentityB);
-    return a == b ? "Also " + a + "?" : a + " = " + b + "?";
+    return identity::candidateQuestion(candidate, providerName);
 }
 
-// The summary line of a history entry.
 std::string historyLine(const identity::IdentityHistoryEntry& entry) {
-    std::string subject;
-    for (const auto& provider : entry.providers) {
-        subject += (subject.empty() ? "" : ", ") + providerName(provider);
-    }
-    if (subject.empty()) {
-        subject = "an identity";
-    }
-    switch (entry.kind) {
-        case identity::IdentityHistoryEntry::Kind::merged:
-            return "Merged with another person (" + subject + ")";
-        case identity::IdentityHistoryEntry::Kind::linked:
-            return "Linked " + subject;
-        case identity::IdentityHistoryEntry::Kind::separated:
-            return "Separated " + subject + " into a new person";
-    }
-    return subject;
+    return identity::IdentityHistoryEntrySummary::line(entry, providerName);
 }
 
 // --- Names for ids.
@@ -233,12 +196,14 @@ std::string joinedLabels(const std::vector<std::string>& labels) {
 }  // namespace
 
 std::string providerName(const std::string& sourceType) {
+    // The desktop program's names (app/desktop/qml/Providers.js), so that the
+    // terminal and the screens say the same.
     static const std::map<std::string, std::string, std::less<>> kNames{
         {"gmail", "Gmail"},
         {"outlook", "Outlook"},
         {"google_calendar", "Google Calendar"},
-        {"apple_calendar", "Calendar"},
-        {"apple_contacts", "Contacts"},
+        {"apple_calendar", "Apple Calendar"},
+        {"apple_contacts", "Apple Contacts"},
         {"google_contacts", "Google Contacts"},
         {"imessage", "Messages"},
         {"hybrid_archive", "Archive"},
@@ -246,8 +211,20 @@ std::string providerName(const std::string& sourceType) {
     if (const auto it = kNames.find(sourceType); it != kNames.end()) {
         return it->second;
     }
-    std::string words = printable(sourceType);
-    std::replace(words.begin(), words.end(), '_', ' ');
+    // Its words, capitalised: "some_source" is "Some Source".
+    std::string words;
+    bool startOfWord = true;
+    for (const char c : printable(sourceType)) {
+        if (c == '_') {
+            startOfWord = true;
+            continue;
+        }
+        if (startOfWord && !words.empty()) {
+            words += ' ';
+        }
+        words += startOfWord && c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+        startOfWord = false;
+    }
     return words;
 }
 

@@ -26,6 +26,7 @@
 #include "app/StoreAccess.h"
 #include "app/TerminalCommands.h"
 #include "host/HostServices.h"
+#include "identity/IdentityHistoryErrorCopy.h"
 #include "identity/IdentityRepository.h"
 #include "store/Database.h"
 
@@ -281,13 +282,14 @@ int runDemo(const StoreArguments& arguments) {
     return finishOutput();
 }
 
-// A refusal of the store in words, with its case for searching the docs.
+// A refusal of the store in the words the screens use, with its case (and its
+// message) for searching the docs and the log.
 std::string describe(const identity::IdentityStoreError& error) {
-    std::string text = "refused (" + std::string(identity::caseName(error.errorCase())) + ")";
-    if (error.message() && !error.message()->empty()) {
-        text += ": " + *error.message();
+    const auto diagnostic = identity::IdentityHistoryErrorCopy::diagnosticText(error);
+    if (const auto text = identity::IdentityHistoryErrorCopy::memberText(error)) {
+        return *text + " (" + diagnostic + ")";
     }
-    return text;
+    return "refused: " + diagnostic;
 }
 
 }  // namespace

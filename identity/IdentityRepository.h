@@ -10,6 +10,18 @@
 // transaction of the pool (a read transaction for reads) and either returns its
 // result or throws; a thrown error has rolled everything back and emitted no
 // witness event. Errors are IdentityStoreError or store::DatabaseError.
+//
+// Errors. Every operation may throw store::DatabaseError (SQLite's code, message
+// and statement: a busy or locked database, a full disk, a broken file). Below,
+// "Throws" lists the IdentityStoreError cases an operation raises on its own; any
+// read of a stored state or decided-by text that is not one of its known values
+// raises corruptRestoreMap in every operation.
+//
+// Witness. After each committed correction the sink given at construction is
+// called once, on the calling thread, while this repository's turn is still held:
+// a sink that calls back into the same repository waits for itself forever. What a
+// sink throws is caught and dropped; the operation returns its result, since the
+// correction has committed (see IdentityCorrectionWitness.h).
 #pragma once
 
 #include <condition_variable>
@@ -66,28 +78,39 @@ class IdentityRepository {
     // Links an identity to a person for a programmatic caller. Refusals (missing
     // identity or person, a blocking constraint, an unconfirmed request, a failed
     // post-condition) are responses. No witness event.
+    // Throws ownerIdentityUnmergeable for one of the user's own handles,
+    // supersededByLaterCorrection when a constraint it revokes changed under it.
     schema::LinkIdentityResponse linkIdentity(const schema::LinkIdentityRequest& request);
     // Absorbs request.personIDB into request.personIDA. Refusals are responses. No
-    // witness event.
+    // witness event. Throws ownerIdentityUnmergeable when either is the user's person.
     schema::ProposeMergeResponse proposeMerge(const schema::ProposeMergeRequest& request);
     // Declares two persons different, first undoing the merge that joins them when
     // they are one person at present. Refusals are responses; a witness event only
-    // when a constraint was written.
+    // when a constraint was written. Throws what undoMerge throws for that merge.
     schema::MarkDifferentResponse markDifferent(const schema::MarkDifferentRequest& request);
     // Puts the candidate's two identities under one person: a new stub person, a
     // link into the other's person, nothing, or a merge (A's person survives).
+    // Throws ownerIdentityUnmergeable for the user's own handles or person;
+    // blockedDifferent when they were marked different; excluded or notFound (with
+    // the refusal's message) or invalidArgs("confirm failed: ...") for the other
+    // refusals of the link or merge.
     IdentityConfirmResult confirmCandidate(const IdentityCandidate& candidate,
                                            SubjectLineage subjectLineage,
                                            const std::string& subjectID);
     // Records that the candidate's identities are different: between their persons
-    // when they have two, else between the identities.
+    // when they have two, else between the identities. Throws notFound, excluded or
+    // invalidArgs("reject failed: ...") when the constraint is refused.
     void rejectCandidate(const IdentityCandidate& candidate, SubjectLineage subjectLineage,
                          const std::string& subjectID);
 
     // --- Undo.
 
     // Undoes the events, in the given order, all or nothing; then writes the
-    // no-reabsorption guard. An empty list changes nothing.
+    // no-reabsorption guard. An empty list changes nothing (and still emits an
+    // event with zero counts). Throws notFound(id) for an unknown event,
+    // alreadyReversed, supersededByLaterCorrection when a later correction touched
+    // the same rows, restoreSnapshotIncomplete for an event without a usable
+    // snapshot, corruptRestoreMap for a snapshot that does not decode.
     std::vector<UndoMergeResult> undoConfirmation(const std::vector<std::string>& mergeEventIDs);
     // undoConfirmation of one event.
     UndoMergeResult undoMerge(const std::string& mergeEventID);
@@ -95,17 +118,22 @@ class IdentityRepository {
     // --- Manual link. Overrides earlier decisions: every live different-person
     // constraint among the subjects is revoked first.
 
-    // Links two identities as the user directed.
+    // Links two identities as the user directed. Throws ownerIdentityUnmergeable,
+    // and the refusals of confirmCandidate.
     IdentityConfirmResult confirmManualLink(const SourceIdentityRow& a, const SourceIdentityRow& b,
                                             SubjectLineage subjectLineage,
                                             const std::string& subjectID);
     // Links every row with the first, pair by pair, in one transaction. Fewer than
-    // two rows: invalidArgs before anything is opened.
+    // two rows: invalidArgs before anything is opened; otherwise as
+    // confirmManualLink.
     IdentityConfirmResult batchConfirmManualLink(const std::vector<SourceIdentityRow>& rows,
                                                  SubjectLineage subjectLineage,
                                                  const std::string& subjectID);
     // Links identities and persons; the surviving person is chosen by
-    // predictManualLinkSurvivor's rule. Only identities: a batch link.
+    // predictManualLinkSurvivor's rule. Only identities: a batch link. Throws
+    // invalidArgs for fewer than two distinct targets or when none resolves to a
+    // person, notFound(id) for a person that is gone, ownerIdentityUnmergeable, and
+    // the refusals of confirmCandidate.
     IdentityConfirmResult confirmManualLink(const std::vector<ManualLinkTarget>& targets,
                                             SubjectLineage subjectLineage,
                                             const std::string& subjectID);
@@ -117,13 +145,15 @@ class IdentityRepository {
     // --- Separation.
 
     // Moves the identity out of its person into a new stub person, marked different
-    // from the identities that stay. The only identity of a person cannot be
-    // separated.
+    // from the identities that stay. Throws notFound(id) for an unknown identity,
+    // cannotSeparateSoleIdentity for an identity without a person or the only
+    // identity of its person, ownerIdentityUnmergeable for one of the user's own handles.
     IdentityConfirmResult separateIdentity(const std::string& sourceIdentityID,
                                            const std::string& subjectID);
 
     // --- Owner aliases. Nothing to do (an empty list or mutation): no transaction
-    // and no witness event.
+    // and no witness event. A declaration throws notFound(id) for an unknown
+    // identity.
 
     OwnerAliasDeclarationOutcome declareOwnerAlias(const std::string& sourceIdentityID,
                                                    const std::string& subjectID);

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Sets everything up, builds, creates an encrypted sample store with
-# `orvik-identity init` and shows what is in it through `orvik-identity exec`.
+# Sets everything up, builds the command-line program, creates an encrypted sample
+# store and walks through a correction and its undo with the terminal commands;
+# then one request through `exec`, the interface for programs, and a realistic
+# demo store.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,42 +16,45 @@ store=build/sample/sample.db
 key="sample passphrase"
 mkdir -p build/sample
 rm -f "$store" "$store-wal" "$store-shm"
+# What the terminal commands remember between runs (the last listing, the last
+# correction) stays under build/ instead of ~/.local/state.
+export XDG_STATE_HOME="$PWD/build/sample/state"
+rm -rf "$XDG_STATE_HOME"
+db=(--db "$store" --key "$key")
 
 echo "== orvik-identity init"
-"$cli" init --db "$store" --key "$key"
+"$cli" init "${db[@]}"
 { printf "PRAGMA key = '%s';\n" "$key"; cat scripts/sample-store.sql; } | sqlcipher "$store" >/dev/null
 
-echo "== orvik-identity exec (one request per line, one answer per line)"
-"$cli" exec --db "$store" --key "$key" <<'REQUESTS'
-{"id": 1, "op": "sourceIdentity", "args": {"id": "si-dana-phone"}}
-{"id": 2, "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-dana-phone"}}
-{"id": 3, "op": "person", "args": {"id": "p-dana-old"}}
-{"id": 4, "op": "activeMemberships", "args": {"personID": "p-dana"}}
-{"id": 5, "op": "activeMembership", "args": {"sourceIdentityID": "si-dana-work"}}
-{"id": 6, "op": "latestUndoableMergeEvent", "args": {"personID": "p-dana"}}
-{"id": 7, "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-unlinked"}}
+echo
+echo "== candidates: identities that share a handle but not a person"
+"$cli" candidates "${db[@]}"
+
+echo
+echo "== confirm 1: they are the same person"
+"$cli" confirm 1 "${db[@]}"
+
+echo
+echo "== joined: the card and Ravi's addresses are one person"
+"$cli" person si-ravi-card "${db[@]}"
+
+echo
+echo "== undo: the last correction made here"
+"$cli" undo "${db[@]}"
+
+echo
+echo "== apart again: Ravi is back as a person of his own"
+"$cli" person si-ravi-card "${db[@]}"
+echo
+"$cli" history --person p-ravi "${db[@]}"
+
+echo
+echo "== exec: programs send one JSON request per line and read one answer per line"
+"$cli" exec "${db[@]}" <<'REQUESTS'
+{"id": 1, "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-dana-phone"}}
 REQUESTS
 
-echo "== a correction and its undo: confirm that the unlinked contact card is Ravi"
-exec_one() { "$cli" exec --db "$store" --key "$key"; }
-ravi='{"id":"si-ravi-cal","sourceType":"google_calendar","handleNormalized":"ravi@example.org","displayName":"Ravi Anand","firstSeenAt":"2026-02-11T18:30:00Z","lastSeenAt":"2026-11-18T09:00:00Z","createdAt":"2026-02-11T18:30:00Z"}'
-card='{"id":"si-unlinked","sourceType":"apple_contacts","handleNormalized":"ravi.anand@example.net","displayName":"Ravi A.","firstSeenAt":"2026-06-01T12:00:00Z","lastSeenAt":"2026-06-01T12:00:00Z","createdAt":"2026-06-01T12:00:00Z"}'
-confirmed=$(printf '{"id":"confirm","op":"confirmCandidate","args":{"candidate":{"sourceIdentityA":%s,"sourceIdentityB":%s,"existingPersonID":"p-ravi","score":0.85,"because":"user_directed"},"subjectLineage":"person","subjectID":"sample-user"}}\n' "$ravi" "$card" | exec_one)
-echo "$confirmed"
-events=$(echo "$confirmed" | grep -o '"mergeEventIDs":\[[^]]*\]' | sed 's/"mergeEventIDs"://')
-
-echo "== the resulting person"
-exec_one <<REQUESTS
-{"id": "after-confirm", "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-unlinked"}}
-{"id": "members", "op": "activeMemberships", "args": {"personID": "p-ravi"}}
-REQUESTS
-
-echo "== undo of the whole confirmation"
-exec_one <<REQUESTS
-{"id": "undo", "op": "undoConfirmation", "args": {"mergeEventIDs": $events}}
-{"id": "after-undo", "op": "resolveCanonicalPerson", "args": {"sourceIdentityID": "si-unlinked"}}
-REQUESTS
-
+echo
 echo "== orvik-identity demo: a realistic sample store"
 demo=build/sample/demo.db
 rm -f "$demo" "$demo-wal" "$demo-shm"
@@ -57,11 +62,15 @@ summary=$("$cli" demo --db "$demo" --key "$key")
 echo "$summary"
 person=$(echo "$summary" | grep -m1 -oE '[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}')
 
+echo
 echo "== candidates waiting for the user"
 "$cli" candidates --db "$demo" --key "$key" --limit 5
+echo
 echo "== search"
 "$cli" search --db "$demo" --key "$key" garcia --limit 5
-echo "== history of a corrected person"
-"$cli" history --db "$demo" --key "$key" --person "$person"
+echo
+echo "== a corrected person"
+"$cli" person "$person" --db "$demo" --key "$key"
+echo
 echo "== readback"
 "$cli" readback --db "$demo" --key "$key"
