@@ -218,11 +218,49 @@ bool isBlank(std::string_view line) {
                        [](unsigned char c) { return std::isspace(c) != 0; });
 }
 
+// The deepest nesting of arrays and objects a request may have. Real requests nest
+// a few levels; a limit keeps hostile lines from exhausting the stack of the
+// recursive parts of JSON handling (copying, printing, destroying).
+constexpr int kMaxRequestDepth = 64;
+
+// Refuses a line nested deeper than kMaxRequestDepth, before it is parsed.
+void checkNesting(std::string_view line) {
+    int depth = 0;
+    bool inString = false;
+    bool escaped = false;
+    for (const char c : line) {
+        if (inString) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                inString = false;
+            }
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxRequestDepth) {
+                throw BadRequest("request nests deeper than " + std::to_string(kMaxRequestDepth) +
+                                 " levels");
+            }
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+}
+
 Json parseRequest(std::string_view line) {
+    if (line.find('\0') != std::string_view::npos) {
+        throw BadRequest("request contains a NUL byte; write U+0000 inside a text as \\u0000");
+    }
+    checkNesting(line);
     Json request;
     try {
         request = Json::parse(line.begin(), line.end());
-    } catch (const Json::parse_error& error) {
+    } catch (const Json::exception& error) {
         // Drop the library's "[json.exception.parse_error.101] " tag.
         std::string_view detail = error.what();
         if (const auto end = detail.find("] "); detail.starts_with('[') && end != detail.npos) {

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -29,18 +30,48 @@ class UsageError : public CommandError {
     using CommandError::CommandError;
 };
 
-// The options every subcommand takes to locate the store.
+// The name of the environment variable that may hold the SQLCipher passphrase.
+inline constexpr const char* kKeyEnvironmentVariable = "ORVIK_IDENTITY_KEY";
+
+// The options every subcommand takes to locate the store and unlock it. The
+// passphrase comes from, in this order: --key, --key-file, --ask-key (a prompt on
+// the terminal), the environment variable kKeyEnvironmentVariable; and when the
+// store turns out to be encrypted and none was given, from a prompt when standard
+// input is a terminal.
 struct StoreArguments {
     std::string db;
     std::string key;
+    std::string keyFile;
+    bool askKey = false;
     CLI::Option* keyOption = nullptr;
+    CLI::Option* keyFileOption = nullptr;
 
-    // Adds --db (required) and --key (optional, never empty) to command.
+    // Adds --db (required, not empty), --key, --key-file and --ask-key to command.
     void addTo(CLI::App& command);
 
-    // The key when --key was given; create as asked.
+    // The passphrase, resolved once (reading the key file, the environment or the
+    // terminal); absent for a plain store. Throws CommandError when the key file
+    // cannot be read or a key is empty.
+    [[nodiscard]] const std::optional<std::string>& passphrase() const;
+
+    // The passphrase as resolved, and create as asked.
     [[nodiscard]] store::PoolOptions poolOptions(bool create) const;
+
+    // How a later command gives the same key, without the key itself: " --key KEY",
+    // " --key-file PATH", or nothing (environment, prompt, or no key).
+    [[nodiscard]] std::string keyArgumentsText() const;
+
+    // Asks for the passphrase on the terminal without echo when standard input is
+    // one; false otherwise.
+    bool promptForKey() const;
+
+  private:
+    mutable bool resolved_ = false;
+    mutable std::optional<std::string> passphrase_;
 };
+
+// Warns on stderr that the store at path is created without encryption.
+void warnUnencrypted(const std::string& path);
 
 // SQLite's message with its result code, for one-line reports.
 [[nodiscard]] std::string describe(const store::DatabaseError& error);

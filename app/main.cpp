@@ -66,11 +66,7 @@ std::string shellQuoted(const std::string& text) {
 
 // What later commands are given to find the same store; the key is never echoed.
 std::string storeArgumentsText(const StoreArguments& arguments) {
-    std::string text = "--db " + shellQuoted(arguments.db);
-    if (arguments.poolOptions(false).key) {
-        text += " --key KEY";
-    }
-    return text;
+    return "--db " + shellQuoted(arguments.db) + arguments.keyArgumentsText();
 }
 
 // The system log sink that names the store by its absolute path.
@@ -241,6 +237,8 @@ int runTerminal(TerminalCommand& command) {
 
 int runInit(const StoreArguments& arguments) {
     std::shared_ptr<store::DatabasePool> pool;
+    std::error_code ignored;
+    const bool created = !std::filesystem::exists(arguments.db, ignored);
     try {
         pool = store::DatabasePool::open(arguments.db, arguments.poolOptions(true));
     } catch (const store::DatabaseError& error) {
@@ -250,6 +248,9 @@ int runInit(const StoreArguments& arguments) {
         pool->write([](store::Connection& db) { orvik::host::createReferenceSchema(db); });
     } catch (const store::DatabaseError& error) {
         return fail("cannot create the schema in " + arguments.db + ": " + describe(error));
+    }
+    if (created && !arguments.passphrase()) {
+        warnUnencrypted(arguments.db);
     }
     std::cout << "identity store ready at " << arguments.db << '\n';
     return finishOutput();
@@ -276,6 +277,9 @@ int runDemo(const StoreArguments& arguments) {
         return fail("cannot fill the demo store at " + arguments.db + ": " + describe(error));
     } catch (const identity::IdentityStoreError& error) {
         return fail("a correction of the demo failed: " + std::string(error.what()));
+    }
+    if (!arguments.passphrase()) {
+        warnUnencrypted(arguments.db);
     }
     std::cout << "Created a demo identity store at " << arguments.db << '\n';
     printDemoSummary(summary, storeArgumentsText(arguments), std::cout);

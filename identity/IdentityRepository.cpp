@@ -320,9 +320,29 @@ void IdentityRepository::undoOwnerAliasMutation(const OwnerAliasMutation& mutati
                static_cast<std::int64_t>(mutation.insertedAliases.size())));
 }
 
+namespace {
+
+// Refuses a search whose inputs exceed what one statement can carry.
+void checkSearchBounds(const std::string& query, std::size_t exclusions,
+                       std::size_t maxExclusions) {
+    if (query.size() > IdentityRepository::maxSearchQueryBytes) {
+        throw IdentityStoreError::invalidArgs(
+            "search query is " + std::to_string(query.size()) + " bytes long; at most " +
+            std::to_string(IdentityRepository::maxSearchQueryBytes) + " bytes are searched");
+    }
+    if (exclusions > maxExclusions) {
+        throw IdentityStoreError::invalidArgs("search excludes " + std::to_string(exclusions) +
+                                              " identifiers; at most " +
+                                              std::to_string(maxExclusions) + " can be excluded");
+    }
+}
+
+}  // namespace
+
 std::vector<SourceIdentityRow> IdentityRepository::searchSourceIdentities(
     const std::string& query, std::int64_t limit,
     const std::vector<std::string>& excludingSourceIdentityIDs) {
+    checkSearchBounds(query, excludingSourceIdentityIDs.size(), maxSearchIdentityExclusions);
     return readCore<&internal::RepositoryCore::searchSourceIdentities>(query, limit,
                                                                        excludingSourceIdentityIDs);
 }
@@ -330,6 +350,7 @@ std::vector<SourceIdentityRow> IdentityRepository::searchSourceIdentities(
 std::vector<LinkablePersonRow> IdentityRepository::searchUserStatedPeople(
     const std::string& query, std::int64_t limit,
     const std::vector<std::string>& excludingPersonIDs) {
+    checkSearchBounds(query, excludingPersonIDs.size(), maxSearchPersonExclusions);
     return readCore<&internal::RepositoryCore::searchUserStatedPeople>(query, limit,
                                                                        excludingPersonIDs);
 }

@@ -163,6 +163,14 @@ class IdentityRepository {
 
     // --- Reads for the correction screens.
 
+    // The most a search takes: longer queries and longer exclusion lists are refused
+    // with invalidArgs before anything is read (each exclusion is a parameter of
+    // one statement, and SQLite bounds both a statement's parameters and a LIKE
+    // pattern).
+    static constexpr std::size_t maxSearchQueryBytes = 1000;
+    static constexpr std::size_t maxSearchIdentityExclusions = 400;
+    static constexpr std::size_t maxSearchPersonExclusions = 900;
+
     // Literal, case-insensitive substring search; a blank query matches everything.
     // Drops identities marked different from an excluded one. limit < 1 counts as 1.
     std::vector<SourceIdentityRow> searchSourceIdentities(

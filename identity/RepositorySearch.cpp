@@ -93,10 +93,27 @@ std::string trimmed(std::string_view text) {
     return std::string(text);
 }
 
+std::string asciiLower(std::string_view text) {
+    std::string out(text);
+    for (char& c : out) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return out;
+}
+
+bool containsLiteral(const std::optional<std::string>& text, const std::string& lowerNeedle) {
+    return text && asciiLower(*text).find(lowerNeedle) != std::string::npos;
+}
+
 // The inputs every search normalises the same way.
 struct SearchInputs {
     // Absent when the trimmed query is empty: no text filter.
     std::optional<std::string> pattern;
+    // A query holding U+0000, which LIKE would take as its end: it is matched here
+    // instead, as a literal substring ignoring ASCII case, as LIKE would.
+    std::optional<std::string> literal;
     std::int64_t limit = 1;
     std::vector<std::string> exclusions;
 };
@@ -105,7 +122,9 @@ SearchInputs normalised(const std::string& query, std::int64_t limit,
                         const std::vector<std::string>& exclusions) {
     SearchInputs inputs;
     const std::string text = trimmed(query);
-    if (!text.empty()) {
+    if (text.find('\0') != std::string::npos) {
+        inputs.literal = asciiLower(text);
+    } else if (!text.empty()) {
         inputs.pattern = "%" + RepositoryCore::escapedLikePattern(text) + "%";
     }
     inputs.limit = std::max<std::int64_t>(limit, 1);
@@ -151,11 +170,21 @@ std::vector<SourceIdentityRow> RepositoryCore::searchSourceIdentities(
     }
     sql += "\n";
     sql += kIdentitySearchTail;
-    params.add(inputs.limit);
+    // A literal query is filtered here, so SQLite returns every row in order
+    // (LIMIT -1) and reading stops once the result is full.
+    params.add(inputs.literal ? std::int64_t{-1} : inputs.limit);
 
     std::vector<SourceIdentityRow> rows;
-    db.query(sql, params,
-             [&](const store::Row& row) { rows.push_back(decodeSourceIdentity(row)); });
+    const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
+    db.queryWhile(sql, params, [&](const store::Row& row) {
+        SourceIdentityRow identity = decodeSourceIdentity(row);
+        if (inputs.literal && !containsLiteral(identity.displayName, *inputs.literal) &&
+            !containsLiteral(identity.handleNormalized, *inputs.literal)) {
+            return true;
+        }
+        rows.push_back(std::move(identity));
+        return rows.size() < limitCount;
+    });
     return rows;
 }
 
@@ -187,7 +216,8 @@ std::vector<LinkablePersonRow> RepositoryCore::searchUserStatedPeople(
     const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
     PersonDifferenceIndex personDifferences(*this, db);
     db.queryWhile(sql, params, [&](const store::Row& row) {
-        if (row.isNull("display_name")) {
+        if (row.isNull("display_name") ||
+            (inputs.literal && !containsLiteral(row.text("display_name"), *inputs.literal))) {
             return true;
         }
         const std::string id = row.text("id");

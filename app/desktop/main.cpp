@@ -39,6 +39,9 @@ struct Options {
     std::string screenshot;
     std::string screen;
     std::string personID;
+    // The passphrase as --key, --key-file, --ask-key or the environment gave it;
+    // empty for a plain store.
+    std::string key;
 };
 
 int fail(const std::string& message) {
@@ -62,10 +65,11 @@ QSize screenshotSize(const std::string& screen) {
 }
 
 void addModuleImportPaths(QQmlApplicationEngine& engine) {
-    // The module sits in <build>/qml next to <build>/app, and in <prefix>/lib/qml
-    // next to <prefix>/bin once installed. Qt's own QML directory is searched anyway.
+    // The module sits in <build>/qml, two levels above <build>/app/desktop, and in
+    // <prefix>/lib/qml next to <prefix>/bin once installed. Qt's own QML directory
+    // is searched anyway.
     const QDir programDir(QCoreApplication::applicationDirPath());
-    for (const char* relative : {"../qml", "../lib/qml"}) {
+    for (const char* relative : {"../../qml", "../lib/qml"}) {
         const QString candidate = QDir::cleanPath(programDir.filePath(QString::fromUtf8(relative)));
         if (QDir(candidate + "/Orvik/Identity").exists()) {
             engine.addImportPath(candidate);
@@ -78,7 +82,7 @@ int runScreenshot(QQmlApplicationEngine& engine, const Options& options) {
     const bool wholeWindow = options.screen == "window";
     QVariantMap properties{
         {"dbPath", QString::fromStdString(options.store.db)},
-        {"dbKey", QString::fromStdString(options.store.key)},
+        {"dbKey", QString::fromStdString(options.key)},
         {"width", size.width()},
         {"height", size.height()},
     };
@@ -134,7 +138,7 @@ int runScreenshot(QQmlApplicationEngine& engine, const Options& options) {
 int runWindow(QQmlApplicationEngine& engine, QGuiApplication& app, const Options& options) {
     engine.setInitialProperties({
         {"dbPath", QString::fromStdString(options.store.db)},
-        {"dbKey", QString::fromStdString(options.store.key)},
+        {"dbKey", QString::fromStdString(options.key)},
         {"initialPersonID", QString::fromStdString(options.personID)},
     });
     engine.load(QUrl(QStringLiteral("qrc:/orvik/desktop/Main.qml")));
@@ -177,6 +181,12 @@ int main(int argc, char** argv) {
                     "; create one with `orvik-identity init` or `orvik-identity demo`");
     }
 
+    try {
+        options.key = options.store.passphrase().value_or("");
+    } catch (const orvik::app::CommandError& error) {
+        return fail(error.what());
+    }
+
     if (shooting) {
         // Offscreen and in software, so that a machine without a display or GPU renders
         // the same picture.
@@ -196,7 +206,7 @@ int main(int argc, char** argv) {
     QQmlApplicationEngine engine;
     addModuleImportPaths(engine);
     PersonNames personNames(QString::fromStdString(options.store.db),
-                            QString::fromStdString(options.store.key));
+                            QString::fromStdString(options.key));
     engine.rootContext()->setContextProperty(QStringLiteral("personNames"), &personNames);
     return shooting ? runScreenshot(engine, options) : runWindow(engine, app, options);
 }

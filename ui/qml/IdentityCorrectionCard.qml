@@ -5,6 +5,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Orvik.Identity
 
 Control {
     id: card
@@ -63,14 +64,14 @@ Control {
 
         IdentityIconButton {
             objectName: card.candidate ? "orvik.identity-corrections.card.reject." + card.candidate.id : ""
-            iconSource: "icons/xmark-circle.svg"
+            iconSource: "qml/icons/xmark-circle.svg"
             Accessible.name: "Different people"
             Layout.alignment: Qt.AlignVCenter
             onClicked: card.rejected()
         }
         IdentityIconButton {
             objectName: card.candidate ? "orvik.identity-corrections.card.confirm." + card.candidate.id : ""
-            iconSource: "icons/checkmark-circle-fill.svg"
+            iconSource: "qml/icons/checkmark-circle-fill.svg"
             Accessible.name: "Same person"
             Layout.alignment: Qt.AlignVCenter
             onClicked: card.confirmed()

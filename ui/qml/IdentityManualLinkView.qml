@@ -7,6 +7,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Orvik.Identity
 
 Pane {
     id: view
@@ -295,7 +296,7 @@ Pane {
                                 }
                                 Image {
                                     objectName: identityRow.key + ".picked"
-                                    source: "icons/checkmark-circle-fill.svg"
+                                    source: "qml/icons/checkmark-circle-fill.svg"
                                     sourceSize: Qt.size(20, 20)
                                     opacity: identityRow.picked ? 1 : 0
                                     Layout.alignment: Qt.AlignVCenter
@@ -365,7 +366,7 @@ Pane {
                                 }
                                 Image {
                                     objectName: personRow.key + ".picked"
-                                    source: "icons/checkmark-circle-fill.svg"
+                                    source: "qml/icons/checkmark-circle-fill.svg"
                                     sourceSize: Qt.size(20, 20)
                                     opacity: personRow.picked ? 1 : 0
                                     Layout.alignment: Qt.AlignVCenter
