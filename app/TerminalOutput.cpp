@@ -155,7 +155,7 @@ std::string_view decidedByInWords(identity::DecidedBy decidedBy) {
 }
 
 std::string reasonInWords(std::string_view because) {
-    if (because == "separated_by_user") {
+    if (because == identity::kSeparatedByUser) {
         return "separated by you";
     }
     if (because == "user_directed") {

@@ -118,6 +118,12 @@ struct IdentityConstraintRow {
 
 // A row of merge_event: one merge of two persons, or one link of an identity to a
 // person (absorbedPersonID absent).
+//
+// A link event whose `because` is kSeparatedByUser was made by a separation: its
+// undo revokes the constraints the separation created, and the history shows it
+// as a separation.
+inline constexpr std::string_view kSeparatedByUser = "separated_by_user";
+
 struct MergeEventRow {
     using DecidedBy = identity::DecidedBy;
 

@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <variant>
 #include <vector>
 
@@ -52,10 +53,48 @@ std::string confirmMembershipTo(const std::string& sourceIdentityID, const std::
 [[noreturn]] void throwRefusal(std::string_view operation,
                                const schema::ProposeMergeResponse& response);
 
+// Statement texts that more than one core uses, in one place (the stored word
+// kSeparatedByUser is in IdentityModels.h).
+// The texts go to SQLite exactly as written (the statement cache is keyed by them).
+// Both spellings of the live-constraint test are in use and must stay as they
+// are: the undo checks with EXISTS, the other cores with count(*).
+inline const std::string kRevokeLiveConstraint =
+    "UPDATE identity_constraint SET revoked_at = ? WHERE id = ? AND revoked_at IS NULL";
+inline const std::string kIsLiveConstraint =
+    "SELECT count(*) > 0 FROM identity_constraint WHERE id = ? AND revoked_at IS NULL";
+inline const std::string kIsLiveConstraintExists =
+    "SELECT EXISTS(SELECT 1 FROM identity_constraint WHERE id = ? AND revoked_at IS NULL)";
+
 // The maximum number of merged_into_person_id hops followed from a person.
 inline constexpr int kAbsorptionChainHops = 20;
 
 class RepositoryCore;
+
+// What one operation has already read, so that it reads each row once: absorption
+// heads and the scans of live person-person constraints. Lives on the connection
+// for one transaction (store::Connection::transactionMemo) and is dropped when it
+// ends; an entry is forgotten as soon as the transaction writes the table it came
+// from.
+struct OperationMemo {
+    // The memo of the connection's current transaction, cleared of whatever the
+    // transaction has written since; null outside a transaction.
+    static OperationMemo* of(store::Connection& db);
+
+    std::unordered_map<std::string, std::string> heads;
+    // (a_id, b_id) of the live person-person constraints.
+    std::optional<std::vector<std::pair<std::string, std::string>>> personPairEnds;
+    // (id, a_id, b_id) of the same rows.
+    struct PersonPairRow {
+        std::string id, a, b;
+    };
+    std::optional<std::vector<PersonPairRow>> personPairRows;
+    // The unordered head pairs of personPairEnds, smaller head first.
+    std::optional<std::set<std::pair<std::string, std::string>>> personPairHeads;
+
+  private:
+    std::uint64_t personChanges_ = 0;
+    std::uint64_t constraintChanges_ = 0;
+};
 
 // Answers hasDifferentConstraint for pairs of persons, many times within one
 // transaction: the live person-person constraints are scanned and their heads

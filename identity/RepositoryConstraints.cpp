@@ -38,11 +38,7 @@ const std::string kIsArchiveParticipant =
 const std::string kArchiveAddressIdentities =
     "SELECT id FROM source_identity WHERE source_type = 'hybrid_archive' AND handle_normalized "
     "LIKE '%@%'";
-const std::string kIsLiveConstraint =
-    "SELECT count(*) > 0 FROM identity_constraint WHERE id = ? AND revoked_at IS NULL";
 const std::string kRevokeConstraint = "UPDATE identity_constraint SET revoked_at = ? WHERE id = ?";
-const std::string kRevokeLiveConstraint =
-    "UPDATE identity_constraint SET revoked_at = ? WHERE id = ? AND revoked_at IS NULL";
 const std::string kLiveSymmetricDifferentIDs =
     "SELECT id FROM identity_constraint\n"
     "WHERE kind = 'different' AND revoked_at IS NULL\n"
@@ -119,17 +115,39 @@ bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const s
     if (headA == headB) {
         return false;
     }
+    OperationMemo* memo = OperationMemo::of(db);
+    if (memo != nullptr && memo->personPairHeads) {
+        return memo->personPairHeads->count({std::min(headA, headB), std::max(headA, headB)}) > 0;
+    }
     std::vector<std::pair<std::string, std::string>> ends;
-    db.query(kLivePersonPairEnds, {},
-             [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
+    if (memo != nullptr && memo->personPairEnds) {
+        ends = *memo->personPairEnds;
+    } else {
+        db.query(kLivePersonPairEnds, {},
+                 [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
+    }
     // Heads are resolved after the scan so that no statement runs inside its row loop.
     HeadCache heads(*this, db);
-    for (const auto& [a, b] : ends) {
-        if (samePair(heads.of(a), heads.of(b), headA, headB)) {
-            return true;
+    if (memo == nullptr) {
+        for (const auto& [a, b] : ends) {
+            if (samePair(heads.of(a), heads.of(b), headA, headB)) {
+                return true;
+            }
         }
+        return false;
     }
-    return false;
+    // Within an operation the whole set of head pairs is kept: the next test of
+    // any two persons is a lookup until persons or constraints are written.
+    std::set<std::pair<std::string, std::string>> headPairs;
+    for (const auto& [a, b] : ends) {
+        const auto& x = heads.of(a);
+        const auto& y = heads.of(b);
+        headPairs.emplace(std::min(x, y), std::max(x, y));
+    }
+    memo = OperationMemo::of(db);
+    memo->personPairEnds = std::move(ends);
+    memo->personPairHeads = std::move(headPairs);
+    return memo->personPairHeads->count({std::min(headA, headB), std::max(headA, headB)}) > 0;
 }
 
 std::vector<RepositoryCore::ConstraintRef> RepositoryCore::liveDifferentConstraintRows(
@@ -161,9 +179,21 @@ std::vector<std::string> RepositoryCore::livePersonPairDifferentConstraintIDs(
         std::string id, a, b;
     };
     std::vector<Candidate> candidates;
-    db.query(kLivePersonPairRows, {}, [&](const store::Row& row) {
-        candidates.push_back({row.text("id"), row.text("a_id"), row.text("b_id")});
-    });
+    if (OperationMemo* memo = OperationMemo::of(db); memo != nullptr && memo->personPairRows) {
+        for (const auto& row : *memo->personPairRows) {
+            candidates.push_back({row.id, row.a, row.b});
+        }
+    } else {
+        db.query(kLivePersonPairRows, {}, [&](const store::Row& row) {
+            candidates.push_back({row.text(0), row.text(1), row.text(2)});
+        });
+        if (memo != nullptr) {
+            memo->personPairRows.emplace();
+            for (const auto& c : candidates) {
+                memo->personPairRows->push_back({c.id, c.a, c.b});
+            }
+        }
+    }
     std::vector<std::string> ids;
     HeadCache heads(*this, db);
     for (const auto& c : candidates) {

@@ -20,8 +20,6 @@ const std::string kInsertPersonDifferentCorrection =
     "INSERT INTO user_correction (id, target_type, target_id, action, subject_lineage, "
     "subject_id, created_at)\n"
     "VALUES (?, 'person', ?, 'different_person', ?, ?, ?)";
-const std::string kIsLiveConstraint =
-    "SELECT count(*) > 0 FROM identity_constraint WHERE id = ? AND revoked_at IS NULL";
 const std::string kInsertIdentityDifferent =
     "INSERT INTO identity_constraint (id, a_type, a_id, b_type, b_id, kind, decided_by, "
     "created_at, revoked_at)\n"

@@ -27,8 +27,6 @@ const std::string kSelectOperationEvents =
 
 constexpr std::int64_t kHistoryEventWindow = 1000;
 
-const std::string kSeparatedBecause = "separated_by_user";
-
 RepositoryCore::HistoryEventRow decodeHistoryEvent(const store::Row& row) {
     return RepositoryCore::HistoryEventRow{
         .id = row.text("id"),
@@ -115,7 +113,7 @@ std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
     IdentityHistoryEntry::Kind kind = IdentityHistoryEntry::Kind::linked;
     if (has([](const HistoryEventRow& row) { return row.absorbedPersonID.has_value(); })) {
         kind = IdentityHistoryEntry::Kind::merged;
-    } else if (has([](const HistoryEventRow& row) { return row.because == kSeparatedBecause; })) {
+    } else if (has([](const HistoryEventRow& row) { return row.because == kSeparatedByUser; })) {
         kind = IdentityHistoryEntry::Kind::separated;
     }
 

@@ -9,8 +9,6 @@ namespace {
 using Response = schema::LinkIdentityResponse;
 using Status = Response::Status;
 
-const std::string kRevokeLiveConstraint =
-    "UPDATE identity_constraint SET revoked_at = ? WHERE id = ? AND revoked_at IS NULL";
 const std::string kEndOtherActiveMemberships =
     "UPDATE identity_membership SET ended_at = ?\n"
     "WHERE source_identity_id = ? AND ended_at IS NULL\n"

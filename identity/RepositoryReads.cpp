@@ -69,73 +69,98 @@ std::optional<T> firstRow(store::Connection& db, const std::string& sql,
 
 }  // namespace
 
+namespace {
+
+// Decoders read by position: each record's columns are looked up by name once
+// per prepared statement.
+const store::ColumnSet kSourceIdentityColumns{"id",           "source_type",   "handle_normalized",
+                                              "display_name", "first_seen_at", "last_seen_at",
+                                              "created_at"};
+const store::ColumnSet kPersonColumns{"id",           "display_name",          "tier",
+                                      "created_from", "merged_into_person_id", "created_at"};
+const store::ColumnSet kMembershipColumns{
+    "state",   "decided_by", "id",       "source_identity_id", "canonical_person_id",
+    "because", "decided_at", "ended_at", "created_at"};
+const store::ColumnSet kMergeEventColumns{
+    "decided_by", "id",         "surviving_person_id", "absorbed_person_id", "pre_merge_state_json",
+    "because",    "created_at", "reversed_at",         "operation_id"};
+const store::ColumnSet kConstraintColumns{"id",   "a_type",     "a_id",       "b_type",    "b_id",
+                                          "kind", "decided_by", "created_at", "revoked_at"};
+
+}  // namespace
+
 SourceIdentityRow decodeSourceIdentity(const store::Row& row) {
+    const auto& c = row.positions(kSourceIdentityColumns);
     return SourceIdentityRow{
-        .id = row.text("id"),
-        .sourceType = row.text("source_type"),
-        .handleNormalized = row.text("handle_normalized"),
-        .displayName = row.optionalText("display_name"),
-        .firstSeenAt = row.text("first_seen_at"),
-        .lastSeenAt = row.text("last_seen_at"),
-        .createdAt = row.text("created_at"),
+        .id = row.text(c[0]),
+        .sourceType = row.text(c[1]),
+        .handleNormalized = row.text(c[2]),
+        .displayName = row.optionalText(c[3]),
+        .firstSeenAt = row.text(c[4]),
+        .lastSeenAt = row.text(c[5]),
+        .createdAt = row.text(c[6]),
     };
 }
 
 PersonRow decodePerson(const store::Row& row) {
+    const auto& c = row.positions(kPersonColumns);
     return PersonRow{
-        .id = row.text("id"),
-        .displayName = row.optionalText("display_name"),
-        .tier = row.text("tier"),
-        .createdFrom = row.optionalText("created_from"),
-        .mergedIntoPersonID = row.optionalText("merged_into_person_id"),
-        .createdAt = row.text("created_at"),
+        .id = row.text(c[0]),
+        .displayName = row.optionalText(c[1]),
+        .tier = row.text(c[2]),
+        .createdFrom = row.optionalText(c[3]),
+        .mergedIntoPersonID = row.optionalText(c[4]),
+        .createdAt = row.text(c[5]),
     };
 }
 
 IdentityMembershipRow decodeMembership(const store::Row& row) {
+    const auto& c = row.positions(kMembershipColumns);
     // The enumerations are parsed first, so that a corrupt row fails before
     // anything else is read.
-    const auto state = parsedOrCorrupt(parseMembershipState(row.text("state")));
-    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text("decided_by")));
+    const auto state = parsedOrCorrupt(parseMembershipState(row.text(c[0])));
+    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text(c[1])));
     return IdentityMembershipRow{
-        .id = row.text("id"),
-        .sourceIdentityID = row.text("source_identity_id"),
-        .canonicalPersonID = row.text("canonical_person_id"),
+        .id = row.text(c[2]),
+        .sourceIdentityID = row.text(c[3]),
+        .canonicalPersonID = row.text(c[4]),
         .state = state,
-        .because = row.optionalText("because"),
+        .because = row.optionalText(c[5]),
         .decidedBy = decidedBy,
-        .decidedAt = row.text("decided_at"),
-        .endedAt = row.optionalText("ended_at"),
-        .createdAt = row.text("created_at"),
+        .decidedAt = row.text(c[6]),
+        .endedAt = row.optionalText(c[7]),
+        .createdAt = row.text(c[8]),
     };
 }
 
 MergeEventRow decodeMergeEvent(const store::Row& row) {
-    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text("decided_by")));
+    const auto& c = row.positions(kMergeEventColumns);
+    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text(c[0])));
     return MergeEventRow{
-        .id = row.text("id"),
-        .survivingPersonID = row.text("surviving_person_id"),
-        .absorbedPersonID = row.optionalText("absorbed_person_id"),
-        .preMergeStateJSON = row.text("pre_merge_state_json"),
-        .because = row.optionalText("because"),
+        .id = row.text(c[1]),
+        .survivingPersonID = row.text(c[2]),
+        .absorbedPersonID = row.optionalText(c[3]),
+        .preMergeStateJSON = row.text(c[4]),
+        .because = row.optionalText(c[5]),
         .decidedBy = decidedBy,
-        .createdAt = row.text("created_at"),
-        .reversedAt = row.optionalText("reversed_at"),
-        .operationID = row.optionalText("operation_id"),
+        .createdAt = row.text(c[6]),
+        .reversedAt = row.optionalText(c[7]),
+        .operationID = row.optionalText(c[8]),
     };
 }
 
 IdentityConstraintRow decodeConstraint(const store::Row& row) {
+    const auto& c = row.positions(kConstraintColumns);
     return IdentityConstraintRow{
-        .id = row.text("id"),
-        .aType = parsedOrCorrupt(parseConstraintSubjectType(row.text("a_type"))),
-        .aID = row.text("a_id"),
-        .bType = parsedOrCorrupt(parseConstraintSubjectType(row.text("b_type"))),
-        .bID = row.text("b_id"),
-        .kind = parsedOrCorrupt(parseConstraintKind(row.text("kind"))),
-        .decidedBy = parsedOrCorrupt(parseDecidedBy(row.text("decided_by"))),
-        .createdAt = row.text("created_at"),
-        .revokedAt = row.optionalText("revoked_at"),
+        .id = row.text(c[0]),
+        .aType = parsedOrCorrupt(parseConstraintSubjectType(row.text(c[1]))),
+        .aID = row.text(c[2]),
+        .bType = parsedOrCorrupt(parseConstraintSubjectType(row.text(c[3]))),
+        .bID = row.text(c[4]),
+        .kind = parsedOrCorrupt(parseConstraintKind(row.text(c[5]))),
+        .decidedBy = parsedOrCorrupt(parseDecidedBy(row.text(c[6]))),
+        .createdAt = row.text(c[7]),
+        .revokedAt = row.optionalText(c[8]),
     };
 }
 
@@ -232,17 +257,59 @@ std::optional<std::string> RepositoryCore::ownerAliasHandle(const std::string& p
                                  [](const store::Row& row) { return row.text(0); });
 }
 
+OperationMemo* OperationMemo::of(store::Connection& db) {
+    // Outside a transaction every statement sees the latest commit of any process:
+    // nothing may be remembered.
+    if (db.autocommit()) {
+        return nullptr;
+    }
+    auto& memo = db.transactionMemo<OperationMemo>();
+    if (const auto changes = db.tableChanges("person"); changes != memo.personChanges_) {
+        memo.personChanges_ = changes;
+        memo.heads.clear();
+        memo.personPairHeads.reset();
+    }
+    if (const auto changes = db.tableChanges("identity_constraint");
+        changes != memo.constraintChanges_) {
+        memo.constraintChanges_ = changes;
+        memo.personPairEnds.reset();
+        memo.personPairRows.reset();
+        memo.personPairHeads.reset();
+    }
+    return &memo;
+}
+
 std::string RepositoryCore::absorptionChainHead(const std::string& personID,
                                                 store::Connection& db) {
+    OperationMemo* memo = OperationMemo::of(db);
+    if (memo != nullptr) {
+        if (const auto it = memo->heads.find(personID); it != memo->heads.end()) {
+            return it->second;
+        }
+    }
+    std::vector<std::string> walked;
     std::string current = personID;
     int hopsLeft = kAbsorptionChainHops;
     while (true) {
         const auto person = personRow(current, db);
         if (!person || !person->mergedIntoPersonID) {
+            // The walk ended by itself: every person on it has this head (each is
+            // fewer hops from it than the start).
+            if (memo != nullptr) {
+                for (auto& id : walked) {
+                    memo->heads.emplace(std::move(id), current);
+                }
+                memo->heads.emplace(current, current);
+            }
             return current;
         }
+        walked.push_back(current);
         current = *person->mergedIntoPersonID;
         if (--hopsLeft == 0) {
+            // Cut off at the hop limit: only the start's answer is known.
+            if (memo != nullptr) {
+                memo->heads.emplace(personID, current);
+            }
             return current;
         }
     }

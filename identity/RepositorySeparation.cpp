@@ -34,7 +34,6 @@ const std::string kInsertRemainingCorrection =
 const std::string kSetEventSnapshot =
     "UPDATE merge_event SET pre_merge_state_json = ? WHERE id = ?";
 
-const std::string kSeparatedByUser = "separated_by_user";
 const std::string kPersonLineage = "person";
 
 }  // namespace
@@ -72,7 +71,7 @@ IdentityConfirmResult RepositoryCore::separateIdentityCore(const std::string& so
         throwRefusal("separate", response);
     }
     const std::string eventID = *response.mergeEventID;
-    db.run(kSetEventBecause, {kSeparatedByUser, eventID});
+    db.run(kSetEventBecause, {std::string(kSeparatedByUser), eventID});
 
     db.run(kInsertSeparatedCorrection, {newIdentifier(), s, subjectID, currentTimestamp()});
 

@@ -13,8 +13,6 @@ namespace {
 // Statement texts are passed to SQLite exactly as written here; the statement
 // cache is keyed by them.
 const std::string kSelectClaimOwner = "SELECT person_id FROM claim WHERE id = ?";
-const std::string kIsLiveConstraint =
-    "SELECT EXISTS(SELECT 1 FROM identity_constraint WHERE id = ? AND revoked_at IS NULL)";
 const std::string kEndMembership = "UPDATE identity_membership SET ended_at = ? WHERE id = ?";
 const std::string kRestoreMembership =
     "UPDATE identity_membership\n"
@@ -41,8 +39,6 @@ const std::string kRestoreOpenLoopOwner =
     "UPDATE open_loop SET person_id = ? WHERE id = ? AND person_id = ?";
 const std::string kClearMergedInto =
     "UPDATE person SET merged_into_person_id = NULL WHERE id = ? AND merged_into_person_id = ?";
-const std::string kRevokeLiveConstraint =
-    "UPDATE identity_constraint SET revoked_at = ? WHERE id = ? AND revoked_at IS NULL";
 const std::string kReactivateConstraint =
     "UPDATE identity_constraint SET revoked_at = NULL WHERE id = ?";
 const std::string kMarkEventReversed = "UPDATE merge_event SET reversed_at = ? WHERE id = ?";
@@ -63,8 +59,6 @@ const std::string kHandBackClaimsMiddle =
     "  ";
 const std::string kHandBackClaimsExcludeHead = "AND id NOT IN (";
 const std::string kHandBackClaimsExcludeTail = ")";
-
-const std::string kSeparatedByUser = "separated_by_user";
 
 [[noreturn]] void superseded() {
     throw IdentityStoreError(IdentityStoreError::Case::supersededByLaterCorrection);
@@ -123,7 +117,7 @@ void verifyPostImages(const MergePreState& s, RepositoryCore& core, store::Conne
     }
 
     if (s.createdSameConstraintID &&
-        !db.scalarFlag(kIsLiveConstraint, {*s.createdSameConstraintID})) {
+        !db.scalarFlag(kIsLiveConstraintExists, {*s.createdSameConstraintID})) {
         superseded();
     }
 }

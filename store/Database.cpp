@@ -5,6 +5,7 @@
 #include <openssl/rand.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -77,7 +78,51 @@ std::string placeholders(std::size_t n) {
 // ---------------------------------------------------------------------------
 // Row
 
+namespace {
+std::atomic<std::uint64_t> nextColumnSetSerial{1};
+}
+
+ColumnSet::ColumnSet(std::initializer_list<std::string_view> names)
+    : names_(names), serial_(nextColumnSetSerial.fetch_add(1)) {}
+
+const std::vector<int>& Row::positions(const ColumnSet& columns) const {
+    if (statement_ != nullptr) {
+        return statement_->positions(columns);
+    }
+    // A row without its statement (not one the connection handed out): resolved
+    // each time, kept per thread.
+    thread_local std::vector<int> resolved;
+    resolved.clear();
+    for (const auto name : columns.names()) {
+        resolved.push_back(requireIndex(name));
+    }
+    return resolved;
+}
+
+std::optional<std::string> Row::optionalText(int index) const {
+    if (isNull(index)) {
+        return std::nullopt;
+    }
+    return text(index);
+}
+
 int Row::indexOf(std::string_view column) const {
+    if (statement_ != nullptr) {
+        if (statement_->columnNames_.empty()) {
+            const int count = sqlite3_column_count(stmt_);
+            for (int i = 0; i < count; ++i) {
+                const char* name = sqlite3_column_name(stmt_, i);
+                statement_->columnNames_.emplace_back(name ? name : "");
+            }
+        }
+        const auto& names = statement_->columnNames_;
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            if (names[i] == column) {
+                return static_cast<int>(i);
+            }
+        }
+        return -1;
+    }
     const int count = sqlite3_column_count(stmt_);
     for (int i = 0; i < count; ++i) {
         const char* name = sqlite3_column_name(stmt_, i);
@@ -178,6 +223,26 @@ Statement::~Statement() {
     sqlite3_finalize(stmt_);
 }
 
+const std::vector<int>& Statement::positions(const ColumnSet& columns) {
+    for (const auto& [serial, positions] : positions_) {
+        if (serial == columns.serial()) {
+            return positions;
+        }
+    }
+    const Row row(stmt_, this);
+    std::vector<int> resolved;
+    resolved.reserve(columns.names().size());
+    for (const auto name : columns.names()) {
+        const int index = row.indexOf(name);
+        if (index < 0) {
+            throw DatabaseError(SQLITE_RANGE, "no column named " + std::string(name), sql_);
+        }
+        resolved.push_back(index);
+    }
+    positions_.emplace_back(columns.serial(), std::move(resolved));
+    return positions_.back().second;
+}
+
 void Statement::bind(const Params& params) {
     int position = 1;
     auto check = [&](int rc) {
@@ -247,6 +312,7 @@ class Connection::Lease {
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
     Statement* operator->() { return statement_; }
+    Statement* get() { return statement_; }
 
   private:
     Statement* statement_;
@@ -263,6 +329,43 @@ Connection::Connection(const std::filesystem::path& path, int openFlags, const c
         throw DatabaseError(code, "cannot open " + path.string() + ": " + message);
     }
     sqlite3_extended_result_codes(db_, 1);
+    sqlite3_update_hook(db_, &Connection::onUpdate, this);
+}
+
+void Connection::onUpdate(void* self, int, const char*, const char* table, sqlite3_int64) {
+    auto& changes = static_cast<Connection*>(self)->tableChanges_;
+    for (auto& [name, count] : changes) {
+        if (name == table) {
+            ++count;
+            return;
+        }
+    }
+    changes.emplace_back(table, 1);
+}
+
+std::uint64_t Connection::tableChanges(std::string_view table) const noexcept {
+    for (const auto& [name, count] : tableChanges_) {
+        if (name == table) {
+            return count;
+        }
+    }
+    return 0;
+}
+
+void Connection::executeCached(const std::string& sql) {
+    auto it = cache_.find(sql);
+    if (it == cache_.end()) {
+        it = cache_.emplace(sql, std::make_unique<Statement>(db_, sql)).first;
+    }
+    Statement& statement = *it->second;
+    // Reset at once, also after a failure: a COMMIT left pending would hold its
+    // transaction open.
+    struct Reset {
+        Statement& statement;
+        ~Reset() { statement.reset(); }
+    } reset{statement};
+    while (statement.step()) {
+    }
 }
 
 Connection::~Connection() {
@@ -272,6 +375,7 @@ Connection::~Connection() {
 
 Connection::Lease Connection::acquire(const std::string& sql) {
     countStatement(sql);
+    ++statementCount_;
     auto it = cache_.find(sql);
     if (it == cache_.end()) {
         it = cache_.emplace(sql, std::make_unique<Statement>(db_, sql)).first;
@@ -305,11 +409,15 @@ void Connection::checkCommitFault() {
 void Connection::beginCounting(FaultPlan* plan) noexcept {
     fault_ = plan;
     statementsInTransaction_ = 0;
+    transactionMemo_.reset();
+    transactionMemoType_ = nullptr;
 }
 
 void Connection::endCounting() noexcept {
     fault_ = nullptr;
     statementsInTransaction_ = 0;
+    transactionMemo_.reset();
+    transactionMemoType_ = nullptr;
 }
 
 int Connection::run(const std::string& sql, const Params& params) {
@@ -324,7 +432,7 @@ void Connection::query(const std::string& sql, const Params& params,
                        const std::function<void(const Row&)>& onRow) {
     auto statement = acquire(sql);
     statement->bind(params);
-    const Row row(statement->stmt_);
+    const Row row(statement->stmt_, statement.get());
     while (statement->step()) {
         onRow(row);
     }
@@ -334,7 +442,7 @@ void Connection::queryWhile(const std::string& sql, const Params& params,
                             const std::function<bool(const Row&)>& onRow) {
     auto statement = acquire(sql);
     statement->bind(params);
-    const Row row(statement->stmt_);
+    const Row row(statement->stmt_, statement.get());
     while (statement->step() && onRow(row)) {
     }
 }
@@ -385,7 +493,9 @@ void Connection::fail(int code, const std::string& sql) const {
 
 Transaction::Transaction(Connection& db, Mode mode, std::shared_ptr<FaultPlan> fault)
     : db_(db), fault_(std::move(fault)) {
-    db_.executeScript(mode == Mode::immediate ? "BEGIN IMMEDIATE" : "BEGIN");
+    static const std::string kBeginImmediate = "BEGIN IMMEDIATE";
+    static const std::string kBegin = "BEGIN";
+    db_.executeCached(mode == Mode::immediate ? kBeginImmediate : kBegin);
     db_.beginCounting(fault_.get());
 }
 
@@ -403,8 +513,9 @@ void Transaction::commit() {
         return;
     }
     try {
+        static const std::string kCommit = "COMMIT";
         db_.checkCommitFault();
-        db_.executeScript("COMMIT");
+        db_.executeCached(kCommit);
     } catch (...) {
         // A COMMIT that failed may leave the transaction open (SQLITE_BUSY does):
         // nothing of it may stay pending on the connection.
@@ -543,6 +654,7 @@ std::unique_ptr<Connection> DatabasePool::openConnection(bool writer) {
     } else {
         db->executeScript("PRAGMA query_only = 1");
     }
+    db->executeScript("PRAGMA cache_size = -" + std::to_string(std::max(options_.cacheSizeKiB, 0)));
     return db;
 }
 

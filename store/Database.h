@@ -24,6 +24,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 #include <unordered_map>
 #include <variant>
 #include <vector>
@@ -81,12 +82,38 @@ Param optionalText(const std::optional<std::string>& value);
 // "?,?,?" for n elements: the inside of an IN list for a list parameter.
 std::string placeholders(std::size_t n);
 
-// The current row of a running statement. Columns are read by name; a name that
-// the statement does not return is a programming error and throws DatabaseError
-// with SQLITE_RANGE.
+class Statement;
+
+// The columns a decoder reads, by name, resolved to positions once per prepared
+// statement (see Row::positions). Define one per record type, with static
+// storage duration: the statement's cache is keyed by the set's identity.
+class ColumnSet {
+  public:
+    ColumnSet(std::initializer_list<std::string_view> names);
+    ColumnSet(const ColumnSet&) = delete;
+    ColumnSet& operator=(const ColumnSet&) = delete;
+
+    [[nodiscard]] const std::vector<std::string_view>& names() const noexcept { return names_; }
+    [[nodiscard]] std::uint64_t serial() const noexcept { return serial_; }
+
+  private:
+    std::vector<std::string_view> names_;
+    std::uint64_t serial_;
+};
+
+// The current row of a running statement. Columns are read by position, by a
+// ColumnSet resolved once per statement, or by name; a name that the statement
+// does not return is a programming error and throws DatabaseError with
+// SQLITE_RANGE.
 class Row {
   public:
-    explicit Row(sqlite3_stmt* stmt) : stmt_(stmt) {}
+    explicit Row(sqlite3_stmt* stmt, Statement* statement = nullptr)
+        : stmt_(stmt), statement_(statement) {}
+
+    // The positions of the set's columns, in the set's order. Resolved on the
+    // statement's first row and cached with the prepared statement.
+    [[nodiscard]] const std::vector<int>& positions(const ColumnSet& columns) const;
+    [[nodiscard]] std::optional<std::string> optionalText(int index) const;
 
     [[nodiscard]] bool isNull(std::string_view column) const;
     // Text of a column; NULL reads as the empty string.
@@ -111,6 +138,7 @@ class Row {
   private:
     [[nodiscard]] int requireIndex(std::string_view column) const;
     sqlite3_stmt* stmt_;
+    Statement* statement_;
 };
 
 // Makes the Nth statement executed inside a transaction fail with an SQLite error,
@@ -149,7 +177,9 @@ class Statement {
 
   private:
     friend class Connection;
+    friend class Row;
     void bind(const Params& params);
+    const std::vector<int>& positions(const ColumnSet& columns);
     // Steps once: true when a row is available.
     bool step();
     void reset() noexcept;
@@ -158,6 +188,9 @@ class Statement {
     sqlite3_stmt* stmt_ = nullptr;
     std::string sql_;
     bool busy_ = false;
+    // Column names as prepared, and ColumnSet positions by set serial.
+    std::vector<std::string> columnNames_;
+    std::vector<std::pair<std::uint64_t, std::vector<int>>> positions_;
 };
 
 // One open SQLite connection with its statement cache. Not thread-safe: the pool
@@ -194,6 +227,31 @@ class Connection {
     // PRAGMA). Not counted by the fault seam.
     void executeScript(const std::string& sql);
 
+    // Runs one statement without parameters from the cache, uncounted by the fault
+    // seam: BEGIN and COMMIT, prepared once per connection.
+    void executeCached(const std::string& sql);
+
+    // Statements run through run/query/scalar since the connection opened (BEGIN
+    // and COMMIT not included): what the benchmarks report per operation.
+    [[nodiscard]] std::uint64_t statementCount() const noexcept { return statementCount_; }
+
+    // Rows changed in `table` (INSERT, UPDATE, DELETE) since the connection
+    // opened, as SQLite's update hook reports them. Readers use it to tell whether
+    // something they memoised within a transaction may have changed.
+    [[nodiscard]] std::uint64_t tableChanges(std::string_view table) const noexcept;
+
+    // Scratch space that lives for one transaction on this connection and is
+    // dropped when the transaction begins and ends: memoisation within one
+    // operation, never across operations. T must be default-constructible.
+    template <typename T>
+    T& transactionMemo() {
+        if (!transactionMemo_ || transactionMemoType_ != &typeid(T)) {
+            transactionMemo_ = std::make_shared<T>();
+            transactionMemoType_ = &typeid(T);
+        }
+        return *static_cast<T*>(transactionMemo_.get());
+    }
+
     [[nodiscard]] bool autocommit() const;
     [[nodiscard]] sqlite3* handle() const noexcept { return db_; }
     [[nodiscard]] std::size_t cachedStatementCount() const noexcept { return cache_.size(); }
@@ -213,10 +271,17 @@ class Connection {
     Lease acquire(const std::string& sql);
     void countStatement(const std::string& sql);
 
+    static void onUpdate(void* self, int operation, const char* database, const char* table,
+                         long long rowid);
+
     sqlite3* db_ = nullptr;
     std::unordered_map<std::string, std::unique_ptr<Statement>> cache_;
     FaultPlan* fault_ = nullptr;
     int statementsInTransaction_ = 0;
+    std::uint64_t statementCount_ = 0;
+    std::vector<std::pair<std::string, std::uint64_t>> tableChanges_;
+    std::shared_ptr<void> transactionMemo_;
+    const std::type_info* transactionMemoType_ = nullptr;
 };
 
 // Begins a transaction in its constructor and rolls it back in its destructor
@@ -253,6 +318,10 @@ struct PoolOptions {
     // fails with SQLITE_BUSY. Readers of a WAL database wait for nobody; writers
     // take turns.
     std::chrono::milliseconds busyTimeout{30000};
+    // The page cache of each connection, in KiB. The pool's connections live as
+    // long as the application: a cache that holds the hot part of the identity
+    // tables spares re-reading (and, encrypted, re-decrypting) their pages.
+    int cacheSizeKiB = 32 * 1024;
     // The SQLite VFS to open the file with; empty: the default. For tests that
     // inject I/O errors.
     std::string vfs{};
