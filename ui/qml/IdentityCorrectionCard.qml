@@ -64,14 +64,14 @@ Control {
 
         IdentityIconButton {
             objectName: card.candidate ? "orvik.identity-corrections.card.reject." + card.candidate.id : ""
-            iconSource: "qml/icons/xmark-circle.svg"
+            iconSource: "icons/xmark-circle.svg"
             Accessible.name: "Different people"
             Layout.alignment: Qt.AlignVCenter
             onClicked: card.rejected()
         }
         IdentityIconButton {
             objectName: card.candidate ? "orvik.identity-corrections.card.confirm." + card.candidate.id : ""
-            iconSource: "qml/icons/checkmark-circle-fill.svg"
+            iconSource: "icons/checkmark-circle-fill.svg"
             Accessible.name: "Same person"
             Layout.alignment: Qt.AlignVCenter
             onClicked: card.confirmed()

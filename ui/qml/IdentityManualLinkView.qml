@@ -296,7 +296,7 @@ Pane {
                                 }
                                 Image {
                                     objectName: identityRow.key + ".picked"
-                                    source: "qml/icons/checkmark-circle-fill.svg"
+                                    source: "icons/checkmark-circle-fill.svg"
                                     sourceSize: Qt.size(20, 20)
                                     opacity: identityRow.picked ? 1 : 0
                                     Layout.alignment: Qt.AlignVCenter
@@ -366,7 +366,7 @@ Pane {
                                 }
                                 Image {
                                     objectName: personRow.key + ".picked"
-                                    source: "qml/icons/checkmark-circle-fill.svg"
+                                    source: "icons/checkmark-circle-fill.svg"
                                     sourceSize: Qt.size(20, 20)
                                     opacity: personRow.picked ? 1 : 0
                                     Layout.alignment: Qt.AlignVCenter
