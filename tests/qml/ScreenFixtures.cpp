@@ -33,6 +33,9 @@ QString ScreenFixtures::manualLinkStore() {
         "INSERT INTO person (id, display_name, tier, created_from, merged_into_person_id, "
         "created_at) VALUES ('p-robin', 'Robin Park', 'standard', 'user_stated', NULL, "
         "'2019-01-01T00:00:00Z')");
+    // A user-stated person is offered only with the name the user gave it.
+    db.exec("INSERT INTO claim VALUES ('c-robin', 'p-robin', NULL, 'display_name', "
+            "'user_stated', 'Robin Park')");
     db.addPerson("p-zed", std::nullopt, "Zed Park");
     db.addPerson("p-dana", std::nullopt, "Dana Lee");
     db.addIdentity("si-zed-mail", "gmail", "zed@example.com", "Zed Park");
