@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 cmake --preset default >/dev/null
 # Only what this script runs; scripts/test.sh builds the tests and benchmarks.
-cmake --build --preset default -j"$(nproc)" --target orvik-identity
+cmake --build --preset default -j"$(nproc)" --target orvik-identity orvik-identity-desktop
 
 cli=build/default/app/orvik-identity
 store=build/sample/sample.db
@@ -74,3 +74,12 @@ echo "== a corrected person"
 echo
 echo "== readback"
 "$cli" readback --db "$demo" --key "$key"
+
+echo
+echo "== the screens of the demo store, as orvik-identity-desktop shows them"
+desktop=build/default/app/desktop/orvik-identity-desktop
+mkdir -p build/screens
+for screen in candidates manual-link history; do
+    "$desktop" --db "$demo" --key "$key" --person "$person" --screen "$screen" \
+        --screenshot "$PWD/build/screens/$screen.png"
+done

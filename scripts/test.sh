@@ -16,9 +16,9 @@ for preset in ${ORVIK_TEST_PRESETS:-default asan plain-sqlite}; do
     ctest --preset "${preset}" -j"${jobs}"
 done
 
-# The fuzz targets, briefly (ORVIK_FUZZ_SECONDS each; 0 skips them). Longer runs:
+# The fuzz targets, briefly (ORVIK_FUZZ_SECONDS each, 5 by default; 0 skips them). Longer runs:
 # scripts/fuzz.sh.
-fuzzSeconds=${ORVIK_FUZZ_SECONDS:-0}
+fuzzSeconds=${ORVIK_FUZZ_SECONDS:-5}
 if [[ "${fuzzSeconds}" != 0 ]]; then
     echo "== fuzz: ${fuzzSeconds} s per target"
     bash scripts/fuzz.sh "${fuzzSeconds}"
