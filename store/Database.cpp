@@ -35,7 +35,7 @@ std::string hex(const unsigned char* bytes, std::size_t n) {
 #endif
 
 // Quotes a text as an SQL string literal.
-std::string sqlLiteral(const std::string& text) {
+[[maybe_unused]] std::string sqlLiteral(const std::string& text) {
     std::string out = "'";
     for (char c : text) {
         if (c == '\'') {
@@ -679,8 +679,8 @@ void DatabasePool::verifyReadable(Connection& db) const {
     }
 }
 
-void DatabasePool::keyWriter(std::unique_ptr<Connection>& db, [[maybe_unused]] int flags,
-                             [[maybe_unused]] const char* vfs) {
+void DatabasePool::keyWriter([[maybe_unused]] std::unique_ptr<Connection>& db,
+                             [[maybe_unused]] int flags, [[maybe_unused]] const char* vfs) {
     if (!keyed_) {
         return;
     }

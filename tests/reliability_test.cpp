@@ -113,7 +113,11 @@ TEST(FailedCommit, RollsBackAndTheNextCorrectionRuns) {
 // Corrections and reads from several threads at once: each correction is applied
 // whole, every event matches a commit, and the store keeps its invariants.
 TEST(Threads, CorrectionsAndReadsFromSeveralThreadsAtOnce) {
+#ifdef ORVIK_HAS_SQLCIPHER
     test::TestDatabase db(true);
+#else
+    test::TestDatabase db(false);
+#endif
     std::mutex eventsMutex;
     std::vector<Event> events;
     IdentityRepository repo(db.sharedPool(), [&](const Event& e) {

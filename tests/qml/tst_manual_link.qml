@@ -32,6 +32,8 @@ Item {
             if (personID.length > 0)
                 await_(controller.loadScopedToPerson(personID, displayName));
             await_(controller.manualSearch(""));
+            // Rows are laid out on the next frame; a click before that lands on a stale position.
+            waitForRendering(view, 300);
             return view;
         }
 
