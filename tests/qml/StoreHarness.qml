@@ -43,6 +43,15 @@ TestCase {
         tryVerify(() => done, 20000);
     }
 
+    // Clicks an element once it is shown, enabled and laid out. A click before the
+    // next frame lands where the element used to be, or on nothing.
+    function click(item) {
+        verify(item !== null, "nothing to click");
+        tryVerify(() => item.visible && item.enabled && item.width > 0 && item.height > 0, 20000);
+        waitForRendering(stage, 300);
+        mouseClick(item);
+    }
+
     function child(parentItem, name) {
         return findChild(parentItem, name);
     }

@@ -67,7 +67,7 @@ Item {
             tryCompare(undoBar, "visible", true);
             verify(!findChild(pane, "orvik.identity-corrections.error").visible);
 
-            mouseClick(findChild(pane, "orvik.identity-corrections.undo"));
+            click(findChild(pane, "orvik.identity-corrections.undo"));
             tryVerify(() => findChild(pane, "orvik.identity-corrections.card." + t.dana) !== null, 20000);
             compare(shownCards(pane)[2], t.dana);
             tryCompare(undoBar, "visible", false);
@@ -78,7 +78,7 @@ Item {
             const pane = openPane(path);
             fixtures.markPersonsDifferent(path, "p-kim-mail", "p-kim-msg");
 
-            mouseClick(findChild(pane, "orvik.identity-corrections.card.confirm." + t.kim));
+            click(findChild(pane, "orvik.identity-corrections.card.confirm." + t.kim));
             const error = findChild(pane, "orvik.identity-corrections.error");
             tryCompare(error, "visible", true, 20000);
             compare(error.text, "You marked these as different people. To combine them, use Link two people.");
@@ -87,7 +87,7 @@ Item {
 
             // Answering the other two empties the list; the error goes with a success.
             for (const id of [t.dana, t.ravi]) {
-                mouseClick(findChild(pane, "orvik.identity-corrections.card.reject." + id));
+                click(findChild(pane, "orvik.identity-corrections.card.reject." + id));
                 tryVerify(() => findChild(pane, "orvik.identity-corrections.card." + id) === null, 20000);
             }
             tryCompare(error, "visible", false);

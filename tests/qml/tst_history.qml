@@ -45,12 +45,12 @@ Item {
             verify(!error.visible);
 
             // The separation changed what the confirmation linked.
-            mouseClick(findChild(view, "orvik.identity-history.undo." + linked));
+            click(findChild(view, "orvik.identity-history.undo." + linked));
             tryCompare(error, "visible", true, 20000);
             compare(error.text, "A newer correction changed this person. Undo the newer correction first.");
             verify(findChild(view, "orvik.identity-history.undone." + linked) === null);
 
-            mouseClick(findChild(view, "orvik.identity-history.undo." + separated));
+            click(findChild(view, "orvik.identity-history.undo." + separated));
             tryVerify(() => findChild(view, "orvik.identity-history.undone." + separated) !== null, 20000);
             compare(findChild(view, "orvik.identity-history.undone." + separated).text, "Undone");
             verify(findChild(view, "orvik.identity-history.undo." + separated) === null);
@@ -68,7 +68,7 @@ Item {
 
             let dismissed = 0;
             view.dismissed.connect(() => dismissed += 1);
-            mouseClick(findChild(view, "orvik.identity-history.done"));
+            click(findChild(view, "orvik.identity-history.done"));
             compare(dismissed, 1);
         }
     }

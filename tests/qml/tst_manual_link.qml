@@ -62,7 +62,7 @@ Item {
             verify(!confirm.enabled);
             verify(!element(view, "this-is-me").enabled);
 
-            mouseClick(row(view, "si-zed-msg"));
+            click(row(view, "si-zed-msg"));
             compare(view.selection.length, 1);
             verify(!confirm.enabled);
             verify(!element(view, "manual-preview").visible);
@@ -70,16 +70,16 @@ Item {
             verify(element(view, "different-people").enabled);
 
             // Unscoped, nothing relates the two: the warning stands until acknowledged.
-            mouseClick(row(view, "si-other"));
+            click(row(view, "si-other"));
             verify(element(view, "manual-preview").visible);
             verify(element(view, "manual-warning").visible);
             verify(!confirm.enabled);
-            mouseClick(element(view, "manual-warning.acknowledge"));
+            click(element(view, "manual-warning.acknowledge"));
             verify(view.acknowledgeUnsupportedSelection);
             verify(confirm.enabled);
 
             // Picking a row again drops it.
-            mouseClick(row(view, "si-other"));
+            click(row(view, "si-other"));
             compare(view.selection.length, 1);
             verify(!confirm.enabled);
         }
@@ -90,7 +90,7 @@ Item {
             verify(scope.visible);
             compare(scope.text, "Add identities to Zed Park");
 
-            mouseClick(row(view, "si-zed-msg"));
+            click(row(view, "si-zed-msg"));
             verify(element(view, "manual-preview").visible);
             verify(!element(view, "manual-warning").visible);
             const confirm = element(view, "manual-confirm");
@@ -107,19 +107,19 @@ Item {
             const view = openView("p-zed", "Zed Park");
             const confirm = element(view, "manual-confirm");
             const warning = element(view, "manual-warning");
-            mouseClick(row(view, "si-zed-msg"));
+            click(row(view, "si-zed-msg"));
             verify(confirm.enabled);
 
-            mouseClick(personRow(view, "Robin Park"));
+            click(personRow(view, "Robin Park"));
             verify(warning.visible);
             compare(warning.text, "No deterministic evidence supports one or more selected identities.");
             verify(!confirm.enabled);
             const acknowledge = element(view, "manual-warning.acknowledge");
             compare(acknowledge.text, "I understand");
-            mouseClick(acknowledge);
+            click(acknowledge);
             verify(confirm.enabled);
 
-            mouseClick(personRow(view, "Robin Park"));
+            click(personRow(view, "Robin Park"));
             verify(!warning.visible);
             verify(confirm.enabled);
         }
@@ -128,11 +128,11 @@ Item {
             const view = openView("", null);
             const preview = element(view, "manual-preview");
             // Robin, picked first, has no identities: Dana's person survives the link.
-            mouseClick(personRow(view, "Robin Park"));
+            click(personRow(view, "Robin Park"));
             verify(!preview.visible);
             verify(!element(view, "this-is-me").enabled);
             verify(!element(view, "different-people").enabled);
-            mouseClick(row(view, "si-dana-mail"));
+            click(row(view, "si-dana-mail"));
             verify(preview.visible);
             compare(element(view, "manual-preview.caption").text, "Link 2 \u2192 Dana Lee");
         }
