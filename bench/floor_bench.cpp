@@ -12,11 +12,16 @@
 // Identifiers a correction mints (the UUIDs it inserts) are replaced by fresh
 // ones for every run, in its parameters and in the texts that carry them (the
 // snapshot JSON), so that a correction and its undo can be run again and again.
+// With ORVIK_FLOOR_TRACE set, every recorded statement is printed to stderr as
+// it is recorded, "repeat" marking the reads the floor leaves out.
+//
 // Benchmarks are named after the library's (BM_x here is the floor of BM_x in
 // identity_bench) and report the counter "statements" the same way.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -109,14 +114,18 @@ FloorTransaction floorOf(bool write, const std::vector<RecordedStatement>& recor
                 seen.insert(*s);
             }
         }
+        bool repeated = false;
         if (isRead(step.sql)) {
-            if (!readSinceWrite.insert(keyOf(step)).second) {
-                continue;
-            }
+            repeated = !readSinceWrite.insert(keyOf(step)).second;
         } else {
             readSinceWrite.clear();
         }
-        tx.steps.push_back(std::move(step));
+        if (std::getenv("ORVIK_FLOOR_TRACE") != nullptr) {
+            std::fprintf(stderr, "%s %s\n", repeated ? "repeat" : "run   ", step.sql.c_str());
+        }
+        if (!repeated) {
+            tx.steps.push_back(std::move(step));
+        }
     }
     return tx;
 }

@@ -133,12 +133,29 @@ std::filesystem::path cachedStore(const StoreShape& shape) {
 }
 
 std::filesystem::path scratchCopy(const StoreShape& shape, const std::string& tag) {
+    // Copies left by processes that ended without removing them.
+    for (const auto& entry : std::filesystem::directory_iterator(benchDirectory())) {
+        const auto name = entry.path().filename().string();
+        if (name.rfind("scratch-", 0) != 0) {
+            continue;
+        }
+        const auto pidStart = name.find('-', 8) + 1;
+        const auto pid = name.substr(pidStart, name.find('-', pidStart) - pidStart);
+        if (!std::filesystem::exists("/proc/" + pid)) {
+            std::error_code ignored;
+            std::filesystem::remove(entry.path(), ignored);
+        }
+    }
     const auto original = cachedStore(shape);
     const auto copy = benchDirectory() / ("scratch-" + tag + "-" + std::to_string(::getpid()) +
                                           "-" + original.filename().string());
     removeStoreFiles(copy);
     std::filesystem::copy_file(original, copy);
     return copy;
+}
+
+void removeScratch(const std::filesystem::path& path) {
+    removeStoreFiles(path);
 }
 
 std::shared_ptr<store::DatabasePool> openStore(const std::filesystem::path& path,

@@ -61,8 +61,12 @@ struct StoreSubjects {
 std::filesystem::path cachedStore(const StoreShape& shape);
 
 // A private copy of the cached store under the temporary directory, named by tag;
-// replaced when it exists.
+// replaced when it exists. Copies left behind by processes that have ended are
+// removed first.
 std::filesystem::path scratchCopy(const StoreShape& shape, const std::string& tag);
+
+// Removes a scratch copy and its -wal and -shm files (once nothing has it open).
+void removeScratch(const std::filesystem::path& path);
 
 // Opens a store of this shape at path, with the passphrase when encrypted.
 std::shared_ptr<store::DatabasePool> openStore(const std::filesystem::path& path,

@@ -42,6 +42,14 @@ void allShapes(benchmark::internal::Benchmark* benchmark) {
     }
 }
 
+World::~World() {
+    repository.reset();
+    pool.reset();
+    if (!path.empty()) {
+        removeScratch(path);
+    }
+}
+
 World& world(const StoreShape& shape, const std::string& tag) {
     static std::map<std::string, std::unique_ptr<World>> worlds;
     const auto key = tag + "/" + shape.label();

@@ -24,6 +24,12 @@ StoreShape shapeOf(const benchmark::State& state);
 void allShapes(benchmark::internal::Benchmark* benchmark);
 
 struct World {
+    World() = default;
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+    // Closes the store and removes the private copy.
+    ~World();
+
     StoreShape shape;
     std::filesystem::path path;
     std::shared_ptr<store::DatabasePool> pool;
