@@ -1,11 +1,12 @@
 #include "bench/support/BenchRows.h"
 
 #include <array>
-#include <cstdio>
+#include <chrono>
 #include <random>
 #include <unordered_set>
 
 #include "host/HostServices.h"
+#include "host/StoreSeeder.h"
 
 namespace orvik::bench {
 
@@ -25,11 +26,9 @@ constexpr std::array<const char*, 24> kFamilyNames = {
 
 // A timestamp in 2024, spread over the year by n.
 std::string stamp(std::uint64_t n) {
-    char text[32];
-    std::snprintf(text, sizeof text, "2024-%02d-%02dT%02d:%02d:00Z", static_cast<int>(n % 12) + 1,
-                  static_cast<int>((n / 12) % 28) + 1, static_cast<int>((n / 7) % 24),
-                  static_cast<int>((n / 3) % 60));
-    return text;
+    using namespace std::chrono;
+    constexpr std::uint64_t kYear = 365ULL * 24 * 3600;
+    return seed::timestamp(sys_days{2024y / January / 1} + seconds(n % kYear));
 }
 
 std::string identityID(int i) {
@@ -66,11 +65,15 @@ WrittenRows writeRows(store::Connection& db, const RowPlan& plan,
                        kFamilyNames[pick(kFamilyNames.size())];
         }
         const auto seen = stamp(rng());
-        db.run(
-            "INSERT INTO source_identity (id, source_type, handle_normalized, display_name, "
-            "first_seen_at, last_seen_at, created_at) VALUES (?, ?, ?, ?, ?, ?, ?)",
-            {identityID(i), std::string(kSourceTypes[pick(kSourceTypes.size())]), handles[i],
-             names[i].empty() ? store::Param(nullptr) : store::Param(names[i]), seen, seen, seen});
+        seed::insert(db,
+                     seed::SourceIdentity{
+                         .id = identityID(i),
+                         .sourceType = kSourceTypes[pick(kSourceTypes.size())],
+                         .handleNormalized = handles[i],
+                         .displayName = names[i].empty() ? std::nullopt : std::optional(names[i]),
+                         .firstSeenAt = seen,
+                         .lastSeenAt = seen,
+                         .createdAt = seen});
         if (i % 2048 == 0) {
             progress(0.3 * i / n);
         }
@@ -98,22 +101,27 @@ WrittenRows writeRows(store::Connection& db, const RowPlan& plan,
     }
     auto insertPerson = [&](const std::string& id, const std::string& name, bool userStated,
                             const std::optional<std::string>& mergedInto) {
-        db.run(
-            "INSERT INTO person (id, display_name, tier, compiled_state_json, created_from, "
-            "merged_into_person_id, created_at) VALUES (?, ?, ?, NULL, ?, ?, ?)",
-            {id, name, std::string(userStated ? "full" : "stub"),
-             std::string(userStated ? "user_stated" : "identity_resolution"),
-             store::optionalText(mergedInto), stamp(rng())});
+        seed::insert(db,
+                     seed::Person{.id = id,
+                                  .displayName = name,
+                                  .tier = userStated ? "full" : "stub",
+                                  .compiledStateJSON = std::nullopt,
+                                  .createdFrom = userStated ? "user_stated" : "identity_resolution",
+                                  .mergedIntoPersonID = mergedInto,
+                                  .createdAt = stamp(rng())});
     };
     auto insertMembership = [&](const std::string& id, int identity, const std::string& person,
                                 const char* state) {
         const auto decided = stamp(rng());
-        db.run(
-            "INSERT INTO identity_membership (id, source_identity_id, canonical_person_id, "
-            "state, because, decided_by, decided_at, ended_at, created_at) "
-            "VALUES (?, ?, ?, ?, ?, ?, ?, NULL, ?)",
-            {id, identityID(identity), person, std::string(state), std::string("same contact key"),
-             std::string(pick(3) == 0 ? "user" : "auto"), decided, decided});
+        seed::insert(db, seed::Membership{.id = id,
+                                          .sourceIdentityID = identityID(identity),
+                                          .canonicalPersonID = person,
+                                          .state = state,
+                                          .because = "same contact key",
+                                          .decidedBy = pick(3) == 0 ? "user" : "auto",
+                                          .decidedAt = decided,
+                                          .endedAt = std::nullopt,
+                                          .createdAt = decided});
     };
 
     // Set aside, before anything else uses them: single-identity persons for
@@ -211,34 +219,35 @@ WrittenRows writeRows(store::Connection& db, const RowPlan& plan,
     for (int p = 0; p < static_cast<int>(persons.size()); ++p) {
         const std::string id = personID(p);
         const int first = persons[p].members[0];
-        db.run(
-            "INSERT INTO claim (id, person_id, source_identity_id, predicate, provenance, value) "
-            "VALUES (?, ?, ?, 'email', 'import', ?)",
-            {"cl-" + std::to_string(p), id, identityID(first), handles[first]});
+        seed::insert(db, seed::Claim{.id = "cl-" + std::to_string(p),
+                                     .personID = id,
+                                     .sourceIdentityID = identityID(first),
+                                     .predicate = "email",
+                                     .provenance = "import",
+                                     .value = handles[first]});
         if (pick(5) == 0) {
-            db.run(
-                "INSERT INTO capture_person_association (source_object_id, person_id, state, "
-                "ended_at) VALUES (?, ?, 'active', NULL)",
-                {"co-" + std::to_string(p), id});
+            seed::insert(db, seed::CaptureAssociation{.sourceObjectID = "co-" + std::to_string(p),
+                                                      .personID = id,
+                                                      .state = "active",
+                                                      .endedAt = std::nullopt});
         }
         if (pick(10) == 0) {
             const std::string loop = "ol-" + std::to_string(p);
-            db.run("INSERT INTO open_loop (id, person_id, detected_at) VALUES (?, ?, ?)",
-                   {loop, id, stamp(rng())});
-            db.run(
-                "INSERT INTO follow_up (id, open_loop_id, person_id, state) "
-                "VALUES (?, ?, ?, 'open')",
-                {"fu-" + std::to_string(p), loop, id});
-            db.run(
-                "INSERT INTO relationship_attention_candidate (candidate_key, person_id, "
-                "open_loop_id, detected_at) VALUES (?, ?, ?, ?)",
-                {"rac-" + std::to_string(p), id, loop, stamp(rng())});
+            seed::insert(db,
+                         seed::OpenLoop{.id = loop, .personID = id, .detectedAt = stamp(rng())});
+            seed::insert(db, seed::FollowUp{.id = "fu-" + std::to_string(p),
+                                            .openLoopID = loop,
+                                            .personID = id,
+                                            .state = "open"});
+            seed::insert(db, seed::AttentionCandidate{.candidateKey = "rac-" + std::to_string(p),
+                                                      .personID = id,
+                                                      .openLoopID = loop,
+                                                      .detectedAt = stamp(rng())});
         }
         if (pick(20) == 0) {
-            db.run(
-                "INSERT INTO relationship_attention_disposition (candidate_key, person_id, "
-                "disposition) VALUES (?, ?, 'dismissed')",
-                {"rad-" + std::to_string(p), id});
+            seed::insert(db, seed::AttentionDisposition{.candidateKey = "rad-" + std::to_string(p),
+                                                        .personID = id,
+                                                        .disposition = "dismissed"});
         }
     }
     progress(0.65);
@@ -254,8 +263,8 @@ WrittenRows writeRows(store::Connection& db, const RowPlan& plan,
             members.insert(pick(n));
         }
         for (int i : members) {
-            db.run("INSERT INTO thread_participant (thread_id, source_identity_id) VALUES (?, ?)",
-                   {thread, identityID(i)});
+            seed::insert(
+                db, seed::ThreadParticipant{.threadID = thread, .sourceIdentityID = identityID(i)});
         }
     }
     progress(0.8);
@@ -279,11 +288,16 @@ WrittenRows writeRows(store::Connection& db, const RowPlan& plan,
     auto constraint = [&](const std::string& id, const char* type, const std::string& a,
                           const std::string& b, bool revoked) {
         const auto created = stamp(rng());
-        db.run(
-            "INSERT INTO identity_constraint (id, a_type, a_id, b_type, b_id, kind, decided_by, "
-            "created_at, revoked_at) VALUES (?, ?, ?, ?, ?, 'different', 'user', ?, ?)",
-            {id, std::string(type), a, std::string(type), b, created,
-             revoked ? store::Param(created) : store::Param(nullptr)});
+        seed::insert(
+            db, seed::Constraint{.id = id,
+                                 .aType = type,
+                                 .aID = a,
+                                 .bType = type,
+                                 .bID = b,
+                                 .kind = "different",
+                                 .decidedBy = "user",
+                                 .createdAt = created,
+                                 .revokedAt = revoked ? std::optional(created) : std::nullopt});
     };
     for (int k = 0; k < n / 50; ++k) {
         constraint("kp-" + std::to_string(k), "person",
@@ -303,31 +317,39 @@ WrittenRows writeRows(store::Connection& db, const RowPlan& plan,
     // The user: a person with two handles, one a connected account and one a
     // declared alias; a few identities excluded from presentation.
     insertPerson("p-owner", "Me", true, std::nullopt);
-    db.run("INSERT INTO owner_ego (person_id) VALUES ('p-owner')");
+    seed::insert(db, seed::OwnerEgo{.personID = "p-owner"});
     for (int k = 0; k < 2; ++k) {
         const std::string id = "si-owner-" + std::to_string(k);
         const std::string handle = "me" + std::to_string(k) + "@example.com";
-        db.run(
-            "INSERT INTO source_identity (id, source_type, handle_normalized, display_name, "
-            "first_seen_at, last_seen_at, created_at) VALUES (?, 'gmail', ?, 'Me', ?, ?, ?)",
-            {id, handle, stamp(k), stamp(k), stamp(k)});
-        db.run(
-            "INSERT INTO identity_membership (id, source_identity_id, canonical_person_id, "
-            "state, because, decided_by, decided_at, ended_at, created_at) "
-            "VALUES (?, ?, 'p-owner', 'confirmed', 'user confirmed', 'user', ?, NULL, ?)",
-            {"m-owner-" + std::to_string(k), id, stamp(k), stamp(k)});
+        seed::insert(db, seed::SourceIdentity{.id = id,
+                                              .sourceType = "gmail",
+                                              .handleNormalized = handle,
+                                              .displayName = "Me",
+                                              .firstSeenAt = stamp(k),
+                                              .lastSeenAt = stamp(k),
+                                              .createdAt = stamp(k)});
+        seed::insert(db, seed::Membership{.id = "m-owner-" + std::to_string(k),
+                                          .sourceIdentityID = id,
+                                          .canonicalPersonID = "p-owner",
+                                          .state = "confirmed",
+                                          .because = "user confirmed",
+                                          .decidedBy = "user",
+                                          .decidedAt = stamp(k),
+                                          .endedAt = std::nullopt,
+                                          .createdAt = stamp(k)});
     }
-    db.run("INSERT INTO source_account (source_type, handle) VALUES ('gmail', 'me0@example.com')");
-    db.run(
-        "INSERT INTO owner_alias (source_type, handle_normalized, subject_id, "
-        "source_identity_id, created_at) VALUES ('gmail', 'me1@example.com', 'bench', "
-        "'si-owner-1', ?)",
-        {stamp(1)});
+    seed::insert(db, seed::SourceAccount{.sourceType = "gmail", .handle = "me0@example.com"});
+    seed::insert(db, seed::OwnerAlias{.sourceType = "gmail",
+                                      .handleNormalized = "me1@example.com",
+                                      .subjectID = "bench",
+                                      .sourceIdentityID = "si-owner-1",
+                                      .createdAt = stamp(1)});
     for (int k = 0; k < std::max(1, n / 1000); ++k) {
-        db.run(
-            "INSERT INTO exclusion_rule (id, scope, target_id, reason, created_at) "
-            "VALUES (?, 'source_identity', ?, 'hidden', ?)",
-            {"ex-" + std::to_string(k), identityID(freeIdentity()), stamp(rng())});
+        seed::insert(db, seed::ExclusionRule{.id = "ex-" + std::to_string(k),
+                                             .scope = "source_identity",
+                                             .targetID = identityID(freeIdentity()),
+                                             .reason = "hidden",
+                                             .createdAt = stamp(rng())});
     }
 
     for (const auto& subject : written.subjects) {
