@@ -40,8 +40,12 @@ CREATE TABLE IF NOT EXISTS person (
     created_at TEXT NOT NULL
 );
 CREATE INDEX IF NOT EXISTS person_by_merged_into ON person (merged_into_person_id);
-CREATE INDEX IF NOT EXISTS person_by_created_from
-    ON person (created_from, merged_into_person_id);
+-- The people search walks the live user-stated persons in its sort order and
+-- stops at its limit instead of sorting them all.
+DROP INDEX IF EXISTS person_by_created_from;
+CREATE INDEX IF NOT EXISTS person_user_stated_by_search_order
+    ON person (created_from, merged_into_person_id, display_name IS NULL, display_name,
+               created_at, id);
 
 CREATE TABLE IF NOT EXISTS identity_membership (
     id TEXT NOT NULL PRIMARY KEY,
@@ -58,6 +62,9 @@ CREATE INDEX IF NOT EXISTS identity_membership_by_identity
     ON identity_membership (source_identity_id, ended_at, canonical_person_id);
 CREATE INDEX IF NOT EXISTS identity_membership_by_person
     ON identity_membership (canonical_person_id, ended_at, state);
+-- The readback counts active memberships by state from the index alone.
+CREATE INDEX IF NOT EXISTS identity_membership_active_by_state
+    ON identity_membership (ended_at, state);
 
 CREATE TABLE IF NOT EXISTS identity_constraint (
     id TEXT NOT NULL PRIMARY KEY,
