@@ -226,8 +226,8 @@ void runTransaction(store::DatabasePool& pool, const FloorTransaction& tx) {
 }
 
 // Records the library's statements: each entry of `operations` is one call, and a
-// subject's calls (a correction and its undo) form one trace. The constraint
-// table is restored after each subject, as the library benchmark does.
+// subject's calls (a correction and its undo) form one trace. The store is
+// restored after each subject, as the library benchmark does.
 struct Operation {
     bool write;
     std::function<void()> call;
@@ -235,7 +235,7 @@ struct Operation {
 
 Trace record(World& w, const std::vector<Operation>& operations) {
     Trace trace;
-    const auto mark = constraintMark(*w.pool);
+    const auto mark = markStore(*w.pool);
     {
         StatementRecording recording;
         for (const auto& operation : operations) {
@@ -243,7 +243,7 @@ Trace record(World& w, const std::vector<Operation>& operations) {
             trace.transactions.push_back(floorOf(operation.write, recording.take(), trace.minted));
         }
     }
-    restoreConstraints(*w.pool, mark);
+    restoreStore(*w.pool, mark);
     return trace;
 }
 
@@ -257,7 +257,7 @@ void replay(benchmark::State& state, const std::vector<Trace>& traces, std::size
     std::uint64_t statements = 0;
     for (auto _ : state) {
         const Trace trace = freshCopy(traces[next++ % traces.size()], ++runs);
-        const auto mark = trace.transactions.size() > 1 ? constraintMark(*floor.pool) : 0;
+        const auto mark = trace.transactions.size() > 1 ? markStore(*floor.pool) : StoreMark{};
         double seconds = 0;
         for (std::size_t t = 0; t < trace.transactions.size(); ++t) {
             if (t == timed) {
@@ -270,7 +270,7 @@ void replay(benchmark::State& state, const std::vector<Trace>& traces, std::size
             }
         }
         if (trace.transactions.size() > 1) {
-            restoreConstraints(*floor.pool, mark);
+            restoreStore(*floor.pool, mark);
         }
         state.SetIterationTime(seconds);
     }

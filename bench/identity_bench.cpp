@@ -1,8 +1,8 @@
 // Every public operation of IdentityRepository on the generated stores: 10^3,
 // 10^4 and 10^5 identities, plain and encrypted. A correction is timed together
 // with nothing else; its undo follows untimed (or is itself the timed part), and
-// the constraints an undo leaves behind are removed untimed, so that every
-// iteration works on the same store. The counter "statements" is the number of
+// the rows the pair leaves behind are removed untimed (see restoreStore), so that
+// every iteration works on the same store. The counter "statements" is the number of
 // statements an operation runs.
 #include <benchmark/benchmark.h>
 
@@ -185,13 +185,13 @@ BENCHMARK(BM_predictManualLinkSurvivor)->Apply(allShapes)->UseManualTime();
 // pair and runs the other side untimed.
 
 // Runs doIt and then undoIt once per iteration, timing the side named by
-// timeUndo, and restores the constraint table untimed.
+// timeUndo, and restores the store untimed.
 template <typename Do, typename Undo>
 void doAndUndo(benchmark::State& state, World& w, bool timeUndo, Do&& doIt, Undo&& undoIt) {
     Meter meter;
     Meter untimed;
     for (auto _ : state) {
-        const auto mark = constraintMark(*w.pool);
+        const auto mark = markStore(*w.pool);
         double seconds = 0;
         if (timeUndo) {
             auto done = doIt();
@@ -201,7 +201,7 @@ void doAndUndo(benchmark::State& state, World& w, bool timeUndo, Do&& doIt, Undo
             seconds = meter.measure([&] { done = doIt(); });
             undoIt(done);
         }
-        restoreConstraints(*w.pool, mark);
+        restoreStore(*w.pool, mark);
         state.SetIterationTime(seconds);
     }
     meter.finish(state);

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <array>
 #include <mutex>
 #include <utility>
 
@@ -102,15 +103,29 @@ void Meter::finish(benchmark::State& state) const {
         benchmark::Counter(static_cast<double>(statements_), benchmark::Counter::kAvgIterations);
 }
 
-std::int64_t constraintMark(store::DatabasePool& pool) {
+namespace {
+constexpr std::array<const char*, 8> kGrowingTables = {
+    "identity_constraint", "identity_membership", "merge_event", "user_correction", "person",
+    "owner_alias",         "exclusion_rule",      "claim"};
+}  // namespace
+
+StoreMark markStore(store::DatabasePool& pool) {
     return pool.read([](store::Connection& db) {
-        return db.scalarInteger("SELECT max(rowid) FROM identity_constraint").value_or(0);
+        StoreMark mark;
+        for (const char* table : kGrowingTables) {
+            mark.lastRowids.emplace_back(
+                table,
+                db.scalarInteger(std::string("SELECT max(rowid) FROM ") + table).value_or(0));
+        }
+        return mark;
     });
 }
 
-void restoreConstraints(store::DatabasePool& pool, std::int64_t mark) {
+void restoreStore(store::DatabasePool& pool, const StoreMark& mark) {
     pool.write([&](store::Connection& db) {
-        db.run("DELETE FROM identity_constraint WHERE rowid > ?", {mark});
+        for (const auto& [table, rowid] : mark.lastRowids) {
+            db.run("DELETE FROM " + table + " WHERE rowid > ?", {rowid});
+        }
     });
 }
 

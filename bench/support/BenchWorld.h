@@ -98,11 +98,18 @@ void timeEach(benchmark::State& state, F&& fn) {
     meter.finish(state);
 }
 
-// Removes the constraints written after `mark` (a rowid of identity_constraint):
-// corrections that are undone leave their guard constraints behind, and a
-// benchmark that repeats them restores the table so that every iteration works
-// on the same store.
-std::int64_t constraintMark(store::DatabasePool& pool);
-void restoreConstraints(store::DatabasePool& pool, std::int64_t mark);
+// The last rowid of each table a correction adds rows to.
+struct StoreMark {
+    std::vector<std::pair<std::string, std::int64_t>> lastRowids;
+};
+
+// Takes the mark before a correction; restoreStore removes every row added after
+// it. A correction followed by its undo leaves rows behind (the reversed event,
+// the ended membership, the guard constraints, the correction records);
+// removing them untimed puts the store back as it was, so that every iteration
+// of a benchmark, and the floor's, finds the same store and not a history that
+// grows with each repetition of the same subjects.
+StoreMark markStore(store::DatabasePool& pool);
+void restoreStore(store::DatabasePool& pool, const StoreMark& mark);
 
 }  // namespace orvik::bench
