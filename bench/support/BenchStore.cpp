@@ -12,9 +12,9 @@ namespace orvik::bench {
 
 namespace {
 
-// Bump when the generated content changes: cached stores of other versions are
-// left alone and regenerated under the new name.
-constexpr int kGeneratorVersion = 3;
+// Bump when the generated content or the reference schema changes: cached stores of other versions
+// are left alone and regenerated under the new name.
+constexpr int kGeneratorVersion = 4;
 
 std::filesystem::path benchDirectory() {
     auto directory = std::filesystem::temp_directory_path() / "orvik-bench";
