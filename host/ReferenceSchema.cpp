@@ -18,11 +18,13 @@ CREATE TABLE IF NOT EXISTS source_identity (
     last_seen_at TEXT NOT NULL,
     created_at TEXT NOT NULL
 );
--- Owner checks match on the pair; duplicate detection joins on the handle alone.
+-- Owner checks match on the pair. Duplicate detection joins on the handle with
+-- the later id, which this index answers without reading the table.
 CREATE INDEX IF NOT EXISTS source_identity_by_type_handle
     ON source_identity (source_type, handle_normalized);
-CREATE INDEX IF NOT EXISTS source_identity_by_handle
-    ON source_identity (handle_normalized);
+DROP INDEX IF EXISTS source_identity_by_handle;
+CREATE INDEX IF NOT EXISTS source_identity_by_handle_id
+    ON source_identity (handle_normalized, id);
 -- The manual-correction search sorts by exactly these terms and stops at its
 -- limit, so walking this index avoids sorting the whole table.
 CREATE INDEX IF NOT EXISTS source_identity_by_search_order
