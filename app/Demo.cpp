@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstdio>
+#include <chrono>
 #include <optional>
 #include <ostream>
 #include <set>
@@ -12,6 +12,7 @@
 
 #include "app/StoreAccess.h"
 #include "host/HostServices.h"
+#include "host/StoreSeeder.h"
 #include "identity/IdentityRepository.h"
 #include "identity/IdentityScoring.h"
 
@@ -20,6 +21,7 @@ namespace orvik::app {
 namespace {
 
 using identity::IdentityRepository;
+using Time = std::chrono::sys_seconds;
 
 // splitmix64: the same sequence on every platform, unlike the standard
 // distributions, whose results differ between standard libraries.
@@ -40,6 +42,10 @@ class Random {
     std::int64_t between(std::int64_t low, std::int64_t high) {
         return low + below(high - low + 1);
     }
+    // A whole second in [low, high].
+    Time between(Time low, Time high) {
+        return low + std::chrono::seconds(below((high - low).count() + 1));
+    }
     bool chance(int percent) { return below(100) < percent; }
     template <typename T>
     const T& pick(const std::vector<T>& items) {
@@ -53,44 +59,17 @@ class Random {
 constexpr std::uint64_t kSeed = 20251101;
 constexpr int kContactCount = 130;
 
-// Days since 1970-01-01 of a civil date (proleptic Gregorian), and back; plain
-// arithmetic, so no time zone is involved.
-constexpr std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
-    y -= m <= 2 ? 1 : 0;
-    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const auto yoe = static_cast<unsigned>(y - era * 400);
-    const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
+constexpr Time at(std::chrono::year_month_day day, std::chrono::hours hour = {}) {
+    return std::chrono::sys_days(day) + hour;
 }
 
-constexpr std::int64_t at(std::int64_t y, unsigned m, unsigned d, int hour = 0) {
-    return daysFromCivil(y, m, d) * 86400 + hour * 3600;
-}
+using std::chrono::days;
+using namespace std::chrono_literals;
 
-std::string timestamp(std::int64_t seconds) {
-    const std::int64_t z = seconds / 86400 + 719468;
-    const std::int64_t secondOfDay = seconds % 86400;
-    const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    const auto doe = static_cast<unsigned>(z - era * 146097);
-    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const unsigned mp = (5 * doy + 2) / 153;
-    const unsigned d = doy - (153 * mp + 2) / 5 + 1;
-    const unsigned m = mp < 10 ? mp + 3 : mp - 9;
-    const std::int64_t y = static_cast<std::int64_t>(yoe) + era * 400 + (m <= 2 ? 1 : 0);
-    char text[64];
-    std::snprintf(text, sizeof text, "%04lld-%02u-%02uT%02lld:%02lld:%02lldZ",
-                  static_cast<long long>(y), m, d, static_cast<long long>(secondOfDay / 3600),
-                  static_cast<long long>(secondOfDay / 60 % 60),
-                  static_cast<long long>(secondOfDay % 60));
-    return text;
-}
-
-constexpr std::int64_t kHistoryStart = at(2022, 3, 1, 9);
-constexpr std::int64_t kHistoryEnd = at(2025, 10, 31, 18);
+constexpr Time kHistoryStart = at(2022y / 3 / 1, 9h);
+constexpr Time kHistoryEnd = at(2025y / 10 / 31, 18h);
 // When the seeded persons and memberships were decided, at the latest.
-constexpr std::int64_t kSeededAt = at(2025, 11, 1, 8);
+constexpr Time kSeededAt = at(2025y / 11 / 1, 8h);
 
 template <typename... Parts>
 std::string demoID(const Parts&... parts) {
@@ -174,8 +153,8 @@ struct IdentitySeed {
     std::string sourceType;
     std::string handle;
     std::optional<std::string> displayName;
-    std::int64_t firstSeen = 0;
-    std::int64_t lastSeen = 0;
+    Time firstSeen{};
+    Time lastSeen{};
     // Who the handle belongs to: the user, a contact or an organisation.
     enum class Role { owner, contact, sender } role = Role::contact;
     // The contact's circle, for choosing who talks together.
@@ -187,7 +166,7 @@ struct PersonSeed {
     std::optional<std::string> displayName;
     std::string tier;
     std::string createdFrom;
-    std::int64_t createdAt = 0;
+    Time createdAt{};
     bool userStated = false;
 };
 
@@ -197,7 +176,7 @@ struct MembershipSeed {
     std::string state;
     std::optional<std::string> because;
     std::string decidedBy;
-    std::int64_t decidedAt = 0;
+    Time decidedAt{};
 };
 
 struct Contact {
@@ -257,7 +236,7 @@ class Planner {
     Random random_{kSeed};
     std::map<std::pair<std::string, std::string>, std::size_t> byHandle_;
     std::set<std::string> usedHandles_;
-    std::map<std::string, std::int64_t> personCreatedAt_;
+    std::map<std::string, Time> personCreatedAt_;
     // The user's identity in each source that has conversations.
     std::map<std::string, std::size_t> ownerIdentities_;
 
@@ -267,8 +246,8 @@ class Planner {
         if (const auto it = byHandle_.find({sourceType, handle}); it != byHandle_.end()) {
             return it->second;
         }
-        const std::int64_t firstSeen = random_.between(kHistoryStart, kHistoryEnd - 40 * 86400);
-        const std::int64_t lastSeen = random_.between(firstSeen + 86400, kHistoryEnd);
+        const Time firstSeen = random_.between(kHistoryStart, kHistoryEnd - days(40));
+        const Time lastSeen = random_.between(firstSeen + days(1), kHistoryEnd);
         identities.push_back(IdentitySeed{
             .id = demoID("source_identity", sourceType, handle),
             .sourceType = sourceType,
@@ -284,7 +263,7 @@ class Planner {
     }
 
     std::string addPerson(const std::string& id, std::optional<std::string> displayName,
-                          bool userStated, std::int64_t createdAt) {
+                          bool userStated, Time createdAt) {
         persons.push_back(PersonSeed{
             .id = id,
             .displayName = displayName,
@@ -303,7 +282,7 @@ class Planner {
 
     void addMembership(std::size_t identity, const std::string& personID, std::string state,
                        std::optional<std::string> because, std::string decidedBy) {
-        const std::int64_t earliest = std::min(
+        const Time earliest = std::min(
             std::max(identities[identity].firstSeen, personCreatedAt_.at(personID)), kSeededAt);
         memberships.push_back(MembershipSeed{
             .identityID = identities[identity].id,
@@ -497,7 +476,7 @@ class Planner {
         const std::optional<std::string> displayName =
             named ? std::optional(contact.fullName())
                   : identities[contact.identities.front()].displayName;
-        addPerson(id, displayName, named, random_.between(at(2024, 1, 1), at(2025, 10, 15)));
+        addPerson(id, displayName, named, random_.between(at(2024y / 1 / 1), at(2025y / 10 / 15)));
 
         // The first identity is what made the person; it always belongs to it.
         bool first = true;
@@ -537,8 +516,8 @@ class Planner {
                 add(contact, "google_contacts", *contact.personalEmail);
                 add(contact, "apple_contacts", *contact.phone);
                 add(contact, "gmail", *contact.personalEmail);
-                d.linkPerson =
-                    addPerson(demoID("person", std::to_string(n)), name, true, at(2024, 5, 12, 10));
+                d.linkPerson = addPerson(demoID("person", std::to_string(n)), name, true,
+                                         at(2024y / 5 / 12, 10h));
                 addMembership(contact.identities[0], d.linkPerson, "confirmed", std::nullopt,
                               "user");
                 addMembership(contact.identities[1], d.linkPerson, "confirmed", "matching name",
@@ -550,10 +529,10 @@ class Planner {
                 add(contact, "outlook", *contact.workEmail);
                 add(contact, "imessage", *contact.phone);
                 add(contact, "apple_contacts", *contact.phone);
-                d.mergePerson =
-                    addPerson(demoID("person", std::to_string(n)), name, true, at(2024, 2, 3, 16));
+                d.mergePerson = addPerson(demoID("person", std::to_string(n)), name, true,
+                                          at(2024y / 2 / 3, 16h));
                 d.mergeStub = addPerson(demoID("stub", std::to_string(n)), std::nullopt, false,
-                                        at(2025, 7, 19, 7));
+                                        at(2025y / 7 / 19, 7h));
                 addMembership(contact.identities[0], d.mergePerson, "confirmed", std::nullopt,
                               "user");
                 addMembership(contact.identities[1], d.mergeStub, "high_conf", "same contact key",
@@ -570,8 +549,8 @@ class Planner {
                 contact.identities.push_back(addIdentity(
                     "gmail", family, "The " + std::string(contact.last.display) + " Family",
                     IdentitySeed::Role::contact, contact.circle));
-                d.separatePerson =
-                    addPerson(demoID("person", std::to_string(n)), name, true, at(2024, 8, 30, 12));
+                d.separatePerson = addPerson(demoID("person", std::to_string(n)), name, true,
+                                             at(2024y / 8 / 30, 12h));
                 addMembership(contact.identities[0], d.separatePerson, "confirmed", std::nullopt,
                               "user");
                 addMembership(contact.identities[1], d.separatePerson, "confirmed",
@@ -584,8 +563,8 @@ class Planner {
             default:
                 add(contact, "google_calendar", *contact.workEmail);
                 add(contact, "outlook", *contact.workEmail);
-                d.undoPerson =
-                    addPerson(demoID("person", std::to_string(n)), name, true, at(2025, 1, 14, 9));
+                d.undoPerson = addPerson(demoID("person", std::to_string(n)), name, true,
+                                         at(2025y / 1 / 14, 9h));
                 addMembership(contact.identities[0], d.undoPerson, "confirmed", std::nullopt,
                               "user");
                 d.undoKnownIdentity = identityID(0);
@@ -682,47 +661,51 @@ class Planner {
 };
 
 void insertPlan(const Planner& plan, store::Connection& db) {
+    using seed::timestamp;
     for (const auto& identity : plan.identities) {
-        db.run(
-            "INSERT INTO source_identity (id, source_type, handle_normalized, display_name, "
-            "first_seen_at, last_seen_at, created_at) VALUES (?, ?, ?, ?, ?, ?, ?)",
-            {identity.id, identity.sourceType, identity.handle,
-             store::optionalText(identity.displayName), timestamp(identity.firstSeen),
-             timestamp(identity.lastSeen), timestamp(identity.firstSeen)});
+        seed::insert(db, seed::SourceIdentity{.id = identity.id,
+                                              .sourceType = identity.sourceType,
+                                              .handleNormalized = identity.handle,
+                                              .displayName = identity.displayName,
+                                              .firstSeenAt = timestamp(identity.firstSeen),
+                                              .lastSeenAt = timestamp(identity.lastSeen),
+                                              .createdAt = timestamp(identity.firstSeen)});
     }
     for (const auto& person : plan.persons) {
-        db.run(
-            "INSERT INTO person (id, display_name, tier, compiled_state_json, created_from, "
-            "merged_into_person_id, created_at) VALUES (?, ?, ?, NULL, ?, NULL, ?)",
-            {person.id, store::optionalText(person.displayName), person.tier, person.createdFrom,
-             timestamp(person.createdAt)});
+        seed::insert(db, seed::Person{.id = person.id,
+                                      .displayName = person.displayName,
+                                      .tier = person.tier,
+                                      .createdFrom = person.createdFrom,
+                                      .createdAt = timestamp(person.createdAt)});
     }
     for (const auto& [personID, name] : plan.claims) {
-        db.run(
-            "INSERT INTO claim (id, person_id, source_identity_id, predicate, provenance, value) "
-            "VALUES (?, ?, NULL, 'display_name', 'user_stated', ?)",
-            {demoID("claim", personID, "display_name"), personID, name});
+        seed::insert(db, seed::Claim{.id = demoID("claim", personID, "display_name"),
+                                     .personID = personID,
+                                     .predicate = "display_name",
+                                     .provenance = "user_stated",
+                                     .value = name});
     }
     for (const auto& membership : plan.memberships) {
         const std::string decidedAt = timestamp(membership.decidedAt);
-        db.run(
-            "INSERT INTO identity_membership (id, source_identity_id, canonical_person_id, state, "
-            "because, decided_by, decided_at, ended_at, created_at) "
-            "VALUES (?, ?, ?, ?, ?, ?, ?, NULL, ?)",
-            {demoID("membership", membership.identityID), membership.identityID,
-             membership.personID, membership.state, store::optionalText(membership.because),
-             membership.decidedBy, decidedAt, decidedAt});
+        seed::insert(db, seed::Membership{.id = demoID("membership", membership.identityID),
+                                          .sourceIdentityID = membership.identityID,
+                                          .canonicalPersonID = membership.personID,
+                                          .state = membership.state,
+                                          .because = membership.because,
+                                          .decidedBy = membership.decidedBy,
+                                          .decidedAt = decidedAt,
+                                          .createdAt = decidedAt});
     }
     for (const auto& [threadID, participants] : plan.threads) {
         for (const auto& identityID : participants) {
-            db.run("INSERT INTO thread_participant (thread_id, source_identity_id) VALUES (?, ?)",
-                   {threadID, identityID});
+            seed::insert(
+                db, seed::ThreadParticipant{.threadID = threadID, .sourceIdentityID = identityID});
         }
     }
     for (const auto& [source, handle] : plan.sourceAccounts) {
-        db.run("INSERT INTO source_account (source_type, handle) VALUES (?, ?)", {source, handle});
+        seed::insert(db, seed::SourceAccount{.sourceType = source, .handle = handle});
     }
-    db.run("INSERT INTO owner_ego (person_id) VALUES (?)", {plan.ownerPersonID});
+    seed::insert(db, seed::OwnerEgo{.personID = plan.ownerPersonID});
 }
 
 identity::SourceIdentityRow storedIdentity(IdentityRepository& repository, const std::string& id) {

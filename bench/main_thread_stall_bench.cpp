@@ -34,7 +34,7 @@
 #include <QCoro/QCoroTask>
 #include <QCoro/QCoroTimer>
 
-#include "bench/support/LargeStore.h"
+#include "bench/support/BenchStore.h"
 #include "ui/IdentityCorrectionController.h"
 #include "ui/IdentityStore.h"
 
@@ -110,14 +110,9 @@ struct Harness {
     bool screenBound = false;
 
     Harness() {
-        // A private copy, so the cached generated store stays as generated.
-        auto original = openLargeStore();
-        original->checkpoint();
-        const auto copy = std::filesystem::temp_directory_path() / "orvik-bench-stall.db";
-        std::filesystem::copy_file(original->path(), copy,
-                                   std::filesystem::copy_options::overwrite_existing);
-        std::filesystem::remove(copy.string() + "-wal");
-        std::filesystem::remove(copy.string() + "-shm");
+        // A private copy of the plain generated store, so the cached one stays as
+        // generated.
+        const auto copy = scratchCopy(StoreShape{.exponent = 5, .encrypted = false}, "stall");
 
         store.setPath(QString::fromStdString(copy.string()));
         store.setWitnessSink(identity::IdentityCorrectionWitness::discardingSink);
@@ -231,7 +226,7 @@ void BM_ManualSearch(benchmark::State& state) {
     h.screenBound = state.range(0) != 0;
     Measurement measurement;
     for (auto _ : state) {
-        measurement.run([&] { return h.controller.manualSearchAsync("user12"); });
+        measurement.run([&] { return h.controller.manualSearchAsync("c12"); });
     }
     checkNoError(state, "manualSearch");
     if (h.controller.manualSearchResults().empty()) {

@@ -4,7 +4,8 @@
 # Public headers go to <prefix>/include/orvik/<module>/. Both <prefix>/include and
 # <prefix>/include/orvik are on the interface include path, so that a consumer
 # writes #include <orvik/identity/IdentityRepository.h> while the headers keep
-# their own #include "store/Database.h". Headers named *Internal.h stay behind.
+# their own #include "store/Database.h". Headers named *Internal.h stay behind, and
+# so does host/StoreSeeder.h (orvik_seed, for the demo, tests and benchmarks).
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -25,7 +26,8 @@ function(orvik_install_library target exportName folder)
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvik/${folder}
         COMPONENT Development
         FILES_MATCHING PATTERN "*.h"
-        PATTERN "*Internal.h" EXCLUDE)
+        PATTERN "*Internal.h" EXCLUDE
+        PATTERN "StoreSeeder.h" EXCLUDE)
 endfunction()
 
 orvik_install_library(orvik_store Store store)

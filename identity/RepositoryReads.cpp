@@ -84,6 +84,8 @@ const store::ColumnSet kMembershipColumns{
 const store::ColumnSet kMergeEventColumns{
     "decided_by", "id",         "surviving_person_id", "absorbed_person_id", "pre_merge_state_json",
     "because",    "created_at", "reversed_at",         "operation_id"};
+// The absorption walk needs only where each person went.
+const store::ColumnSet kMergedIntoColumn{"merged_into_person_id"};
 const store::ColumnSet kConstraintColumns{"id",   "a_type",     "a_id",       "b_type",    "b_id",
                                           "kind", "decided_by", "created_at", "revoked_at"};
 
@@ -291,8 +293,14 @@ std::string RepositoryCore::absorptionChainHead(const std::string& personID,
     std::string current = personID;
     int hopsLeft = kAbsorptionChainHops;
     while (true) {
-        const auto person = personRow(current, db);
-        if (!person || !person->mergedIntoPersonID) {
+        bool exists = false;
+        std::optional<std::string> mergedInto;
+        db.queryWhile(kSelectPerson, {current}, [&](const store::Row& row) {
+            exists = true;
+            mergedInto = row.optionalText(row.positions(kMergedIntoColumn)[0]);
+            return false;
+        });
+        if (!exists || !mergedInto) {
             // The walk ended by itself: every person on it has this head (each is
             // fewer hops from it than the start).
             if (memo != nullptr) {
@@ -304,7 +312,7 @@ std::string RepositoryCore::absorptionChainHead(const std::string& personID,
             return current;
         }
         walked.push_back(current);
-        current = *person->mergedIntoPersonID;
+        current = std::move(*mergedInto);
         if (--hopsLeft == 0) {
             // Cut off at the hop limit: only the start's answer is known.
             if (memo != nullptr) {

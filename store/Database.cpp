@@ -243,7 +243,18 @@ const std::vector<int>& Statement::positions(const ColumnSet& columns) {
     return positions_.back().second;
 }
 
+namespace {
+std::atomic<StatementObserver> statementObserver{nullptr};
+}  // namespace
+
+void setStatementObserver(StatementObserver observer) noexcept {
+    statementObserver.store(observer, std::memory_order_relaxed);
+}
+
 void Statement::bind(const Params& params) {
+    if (const auto observer = statementObserver.load(std::memory_order_relaxed)) {
+        observer(sql_, params);
+    }
     int position = 1;
     auto check = [&](int rc) {
         if (rc != SQLITE_OK) {

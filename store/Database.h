@@ -84,6 +84,14 @@ std::string placeholders(std::size_t n);
 
 class Statement;
 
+// Sees every statement run through Connection::run, query, queryWhile and the
+// scalar reads (not BEGIN, COMMIT or scripts), with its parameters, as it is
+// bound. Process-wide and meant for benchmarks that count or replay what an
+// operation executes; it must not throw. Null, the default, costs one relaxed
+// atomic load per statement.
+using StatementObserver = void (*)(const std::string& sql, const Params& params);
+void setStatementObserver(StatementObserver observer) noexcept;
+
 // The columns a decoder reads, by name, resolved to positions once per prepared
 // statement (see Row::positions). Define one per record type, with static
 // storage duration: the statement's cache is keyed by the set's identity.

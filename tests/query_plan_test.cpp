@@ -64,6 +64,14 @@ void runReads(test::CorrectionWorld& w) {
     repo.identityCorrectionsReadback();
 }
 
+// Older SQLite names the table in a plan ("SCAN TABLE source_identity AS a"),
+// newer SQLite only its alias ("SCAN a"): an alias is looked up in the statement.
+std::string tableOf(const std::string& sql, const std::string& name) {
+    const std::regex aliased("(?:FROM|JOIN)\\s+(\\w+)\\s+(?:AS\\s+)?" + name + "\\b");
+    std::smatch match;
+    return std::regex_search(sql, match, aliased) ? match[1].str() : name;
+}
+
 // The tables each "SCAN" line of a statement's plan names.
 std::vector<std::string> scannedTables(store::DatabasePool& pool, const std::string& sql) {
     static const std::regex scan(
@@ -79,7 +87,7 @@ std::vector<std::string> scannedTables(store::DatabasePool& pool, const std::str
             const std::string detail = reinterpret_cast<const char*>(sqlite3_column_text(plan, 3));
             std::smatch match;
             if (std::regex_match(detail, match, scan)) {
-                tables.push_back(match[1]);
+                tables.push_back(tableOf(sql, match[1]));
             }
         }
         sqlite3_finalize(plan);

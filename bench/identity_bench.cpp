@@ -1,0 +1,441 @@
+// Every public operation of IdentityRepository on the generated stores: 10^3,
+// 10^4 and 10^5 identities, plain and encrypted. A correction is timed together
+// with nothing else; its undo follows untimed (or is itself the timed part), and
+// the rows the pair leaves behind are removed untimed (see restoreStore), so that
+// every iteration works on the same store. The counter "statements" is the number of
+// statements an operation runs.
+#include <benchmark/benchmark.h>
+
+#include "bench/support/BenchWorld.h"
+
+namespace orvik::bench {
+namespace {
+
+using identity::IdentityCandidate;
+using identity::ManualLinkTarget;
+using identity::SourceIdentityRow;
+using identity::SubjectLineage;
+
+World& libraryWorld(const benchmark::State& state) {
+    return world(shapeOf(state), "library");
+}
+
+template <typename T>
+const T& nth(const std::vector<T>& items, std::size_t i) {
+    if (items.empty()) {
+        throw std::runtime_error("the generated store has no subject of this kind");
+    }
+    return items[i % items.size()];
+}
+
+SourceIdentityRow identityRow(World& w, const std::string& id) {
+    return w.repository->sourceIdentity(id).value();
+}
+
+IdentityCandidate candidateOf(World& w, const std::pair<std::string, std::string>& pair) {
+    return IdentityCandidate{.sourceIdentityA = identityRow(w, pair.first),
+                             .sourceIdentityB = identityRow(w, pair.second),
+                             .existingPersonID = std::nullopt,
+                             .score = 0.85,
+                             .because = "same contact key"};
+}
+
+std::string personOf(World& w, const std::string& identityID) {
+    return w.repository->resolveCanonicalPerson(identityID).value().personID;
+}
+
+// --- Reads.
+
+void BM_sourceIdentity(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->sourceIdentity(nth(w.subjects.linked, i++)));
+    });
+}
+BENCHMARK(BM_sourceIdentity)->Apply(allShapes)->UseManualTime();
+
+void BM_person(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->person(nth(w.subjects.mergedPersons, i++)));
+    });
+}
+BENCHMARK(BM_person)->Apply(allShapes)->UseManualTime();
+
+void BM_activeMembership(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->activeMembership(nth(w.subjects.linked, i++)));
+    });
+}
+BENCHMARK(BM_activeMembership)->Apply(allShapes)->UseManualTime();
+
+void BM_activeMemberships(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(
+            w.repository->activeMemberships(nth(w.subjects.mergedPersons, i++)));
+    });
+}
+BENCHMARK(BM_activeMemberships)->Apply(allShapes)->UseManualTime();
+
+void BM_mergeEvent(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->mergeEvent(nth(w.subjects.mergeEvents, i++)));
+    });
+}
+BENCHMARK(BM_mergeEvent)->Apply(allShapes)->UseManualTime();
+
+void BM_latestUndoableMergeEvent(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(
+            w.repository->latestUndoableMergeEvent(nth(w.subjects.mergedPersons, i++)));
+    });
+}
+BENCHMARK(BM_latestUndoableMergeEvent)->Apply(allShapes)->UseManualTime();
+
+// Alternates identities whose membership names a live person with identities
+// whose membership names a person absorbed once or twice.
+void BM_resolveCanonicalPerson(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        const auto& id =
+            i % 2 == 0 ? nth(w.subjects.linked, i / 2) : nth(w.subjects.chained, i / 2);
+        ++i;
+        benchmark::DoNotOptimize(w.repository->resolveCanonicalPerson(id));
+    });
+}
+BENCHMARK(BM_resolveCanonicalPerson)->Apply(allShapes)->UseManualTime();
+
+void BM_searchSourceIdentities(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    const std::vector<std::string> excluding{nth(w.subjects.linked, 0)};
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->searchSourceIdentities("ann", 20, excluding));
+    });
+}
+BENCHMARK(BM_searchSourceIdentities)->Apply(allShapes)->UseManualTime();
+
+void BM_searchUserStatedPeople(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    const std::vector<std::string> excluding{nth(w.subjects.mergedPersons, 0)};
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->searchUserStatedPeople("ber", 20, excluding));
+    });
+}
+BENCHMARK(BM_searchUserStatedPeople)->Apply(allShapes)->UseManualTime();
+
+void BM_exactKeyCandidates(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    timeEach(state, [&] { benchmark::DoNotOptimize(w.repository->exactKeyCandidates(50)); });
+}
+BENCHMARK(BM_exactKeyCandidates)->Apply(allShapes)->UseManualTime();
+
+void BM_candidateContext(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        const auto& pair = nth(w.subjects.mergePairs, i++);
+        benchmark::DoNotOptimize(
+            w.repository->candidateContext(pair.first, {pair.second, nth(w.subjects.linked, i)}));
+    });
+}
+BENCHMARK(BM_candidateContext)->Apply(allShapes)->UseManualTime();
+
+void BM_identityHistory(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->identityHistory(nth(w.subjects.mergedPersons, i++)));
+    });
+}
+BENCHMARK(BM_identityHistory)->Apply(allShapes)->UseManualTime();
+
+void BM_identityCorrectionsReadback(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    timeEach(state, [&] { benchmark::DoNotOptimize(w.repository->identityCorrectionsReadback()); });
+}
+BENCHMARK(BM_identityCorrectionsReadback)->Apply(allShapes)->UseManualTime();
+
+void BM_predictManualLinkSurvivor(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::vector<std::vector<ManualLinkTarget>> targets;
+    for (std::size_t k = 0; k < 16; ++k) {
+        const auto& pair = nth(w.subjects.linkPairs, k);
+        targets.push_back({ManualLinkTarget::identity(identityRow(w, pair.first)),
+                           ManualLinkTarget::person(pair.second)});
+    }
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.repository->predictManualLinkSurvivor(nth(targets, i++)));
+    });
+}
+BENCHMARK(BM_predictManualLinkSurvivor)->Apply(allShapes)->UseManualTime();
+
+// --- Corrections and their undo. Each benchmark times one side of a do/undo
+// pair and runs the other side untimed.
+
+// Runs doIt and then undoIt once per iteration, timing the side named by
+// timeUndo, and restores the store untimed.
+template <typename Do, typename Undo>
+void doAndUndo(benchmark::State& state, World& w, bool timeUndo, Do&& doIt, Undo&& undoIt) {
+    Meter meter;
+    Meter untimed;
+    for (auto _ : state) {
+        const auto mark = markStore(*w.pool);
+        double seconds = 0;
+        if (timeUndo) {
+            auto done = doIt();
+            seconds = meter.measure([&] { undoIt(done); });
+        } else {
+            decltype(doIt()) done;
+            seconds = meter.measure([&] { done = doIt(); });
+            undoIt(done);
+        }
+        restoreStore(*w.pool, mark);
+        state.SetIterationTime(seconds);
+    }
+    meter.finish(state);
+}
+
+void linkIdentityPair(benchmark::State& state, bool timeUndo) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, timeUndo,
+        [&] {
+            const auto& pair = nth(w.subjects.linkPairs, i++);
+            return w.repository->linkIdentity(
+                {.personID = pair.second, .sourceIdentityID = pair.first, .confirmed = true});
+        },
+        [&](const schema::LinkIdentityResponse& response) {
+            w.repository->undoMerge(response.mergeEventID.value());
+        });
+}
+void BM_linkIdentity(benchmark::State& state) {
+    linkIdentityPair(state, false);
+}
+BENCHMARK(BM_linkIdentity)->Apply(allShapes)->UseManualTime();
+void BM_undoMerge_link(benchmark::State& state) {
+    linkIdentityPair(state, true);
+}
+BENCHMARK(BM_undoMerge_link)->Apply(allShapes)->UseManualTime();
+
+void confirmCandidatePair(benchmark::State& state, bool timeUndo) {
+    auto& w = libraryWorld(state);
+    std::vector<IdentityCandidate> candidates;
+    for (const auto& pair : w.subjects.mergePairs) {
+        candidates.push_back(candidateOf(w, pair));
+    }
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, timeUndo,
+        [&] {
+            return w.repository->confirmCandidate(nth(candidates, i++), SubjectLineage::person,
+                                                  "bench");
+        },
+        [&](const identity::IdentityConfirmResult& result) {
+            w.repository->undoConfirmation(result.mergeEventIDs);
+        });
+}
+// A merge: the two identities are the only members of two persons.
+void BM_confirmCandidate(benchmark::State& state) {
+    confirmCandidatePair(state, false);
+}
+BENCHMARK(BM_confirmCandidate)->Apply(allShapes)->UseManualTime();
+void BM_undoConfirmation(benchmark::State& state) {
+    confirmCandidatePair(state, true);
+}
+BENCHMARK(BM_undoConfirmation)->Apply(allShapes)->UseManualTime();
+
+void proposeMergePair(benchmark::State& state, bool timeUndo) {
+    auto& w = libraryWorld(state);
+    std::vector<std::pair<std::string, std::string>> persons;
+    for (const auto& pair : w.subjects.mergePairs) {
+        persons.emplace_back(personOf(w, pair.first), personOf(w, pair.second));
+    }
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, timeUndo,
+        [&] {
+            const auto& pair = nth(persons, i++);
+            return w.repository->proposeMerge({.presetValue = std::nullopt,
+                                               .personIDA = pair.first,
+                                               .personIDB = pair.second,
+                                               .subjectID = "bench",
+                                               .confirmed = true});
+        },
+        [&](const schema::ProposeMergeResponse& response) {
+            w.repository->undoMerge(response.mergeEventID.value());
+        });
+}
+void BM_proposeMerge(benchmark::State& state) {
+    proposeMergePair(state, false);
+}
+BENCHMARK(BM_proposeMerge)->Apply(allShapes)->UseManualTime();
+void BM_undoMerge(benchmark::State& state) {
+    proposeMergePair(state, true);
+}
+BENCHMARK(BM_undoMerge)->Apply(allShapes)->UseManualTime();
+
+// Two persons that are apart: the constraint is written, and removed untimed.
+void BM_markDifferent(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::vector<std::pair<std::string, std::string>> persons;
+    for (const auto& pair : w.subjects.mergePairs) {
+        persons.emplace_back(personOf(w, pair.first), personOf(w, pair.second));
+    }
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, false,
+        [&] {
+            const auto& pair = nth(persons, i++);
+            return w.repository->markDifferent({.reason = "not the same",
+                                                .presetValue = std::nullopt,
+                                                .personIDA = pair.first,
+                                                .personIDB = pair.second,
+                                                .subjectID = "bench"});
+        },
+        [](const schema::MarkDifferentResponse&) {});
+}
+BENCHMARK(BM_markDifferent)->Apply(allShapes)->UseManualTime();
+
+void BM_rejectCandidate(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::vector<IdentityCandidate> candidates;
+    for (const auto& pair : w.subjects.mergePairs) {
+        candidates.push_back(candidateOf(w, pair));
+    }
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, false,
+        [&] {
+            w.repository->rejectCandidate(nth(candidates, i++), SubjectLineage::person, "bench");
+            return 0;
+        },
+        [](int) {});
+}
+BENCHMARK(BM_rejectCandidate)->Apply(allShapes)->UseManualTime();
+
+void BM_confirmManualLink(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::vector<std::pair<SourceIdentityRow, SourceIdentityRow>> rows;
+    for (const auto& pair : w.subjects.mergePairs) {
+        rows.emplace_back(identityRow(w, pair.first), identityRow(w, pair.second));
+    }
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, false,
+        [&] {
+            const auto& pair = nth(rows, i++);
+            return w.repository->confirmManualLink(pair.first, pair.second, SubjectLineage::person,
+                                                   "bench");
+        },
+        [&](const identity::IdentityConfirmResult& result) {
+            w.repository->undoConfirmation(result.mergeEventIDs);
+        });
+}
+BENCHMARK(BM_confirmManualLink)->Apply(allShapes)->UseManualTime();
+
+// Three identities of three persons.
+void BM_batchConfirmManualLink(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::vector<std::vector<SourceIdentityRow>> batches;
+    for (std::size_t k = 0; k + 1 < w.subjects.mergePairs.size(); k += 2) {
+        batches.push_back({identityRow(w, w.subjects.mergePairs[k].first),
+                           identityRow(w, w.subjects.mergePairs[k].second),
+                           identityRow(w, w.subjects.mergePairs[k + 1].first)});
+    }
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, false,
+        [&] {
+            return w.repository->batchConfirmManualLink(nth(batches, i++), SubjectLineage::person,
+                                                        "bench");
+        },
+        [&](const identity::IdentityConfirmResult& result) {
+            w.repository->undoConfirmation(result.mergeEventIDs);
+        });
+}
+BENCHMARK(BM_batchConfirmManualLink)->Apply(allShapes)->UseManualTime();
+
+// An identity without a person and a person, as targets.
+void BM_confirmManualLinkTargets(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::vector<std::vector<ManualLinkTarget>> targets;
+    for (const auto& pair : w.subjects.linkPairs) {
+        targets.push_back({ManualLinkTarget::identity(identityRow(w, pair.first)),
+                           ManualLinkTarget::person(pair.second)});
+    }
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, false,
+        [&] {
+            return w.repository->confirmManualLink(nth(targets, i++), SubjectLineage::person,
+                                                   "bench");
+        },
+        [&](const identity::IdentityConfirmResult& result) {
+            w.repository->undoConfirmation(result.mergeEventIDs);
+        });
+}
+BENCHMARK(BM_confirmManualLinkTargets)->Apply(allShapes)->UseManualTime();
+
+void BM_separateIdentity(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, false,
+        [&] { return w.repository->separateIdentity(nth(w.subjects.separable, i++), "bench"); },
+        [&](const identity::IdentityConfirmResult& result) {
+            w.repository->undoConfirmation(result.mergeEventIDs);
+        });
+}
+BENCHMARK(BM_separateIdentity)->Apply(allShapes)->UseManualTime();
+
+void declareOwnerAliasPair(benchmark::State& state, bool timeUndo) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, timeUndo,
+        [&] { return w.repository->declareOwnerAlias(nth(w.subjects.unaffiliated, i++), "bench"); },
+        [&](const identity::OwnerAliasDeclarationOutcome& outcome) {
+            w.repository->undoOwnerAliasMutation(outcome.mutation);
+        });
+}
+void BM_declareOwnerAlias(benchmark::State& state) {
+    declareOwnerAliasPair(state, false);
+}
+BENCHMARK(BM_declareOwnerAlias)->Apply(allShapes)->UseManualTime();
+void BM_undoOwnerAliasMutation(benchmark::State& state) {
+    declareOwnerAliasPair(state, true);
+}
+BENCHMARK(BM_undoOwnerAliasMutation)->Apply(allShapes)->UseManualTime();
+
+void BM_batchDeclareOwnerAlias(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    doAndUndo(
+        state, w, false,
+        [&] {
+            const std::vector<std::string> ids{nth(w.subjects.unaffiliated, i),
+                                               nth(w.subjects.unaffiliated, i + 1)};
+            i += 2;
+            return w.repository->batchDeclareOwnerAlias(ids, "bench");
+        },
+        [&](const identity::OwnerAliasDeclarationOutcome& outcome) {
+            w.repository->undoOwnerAliasMutation(outcome.mutation);
+        });
+}
+BENCHMARK(BM_batchDeclareOwnerAlias)->Apply(allShapes)->UseManualTime();
+
+}  // namespace
+}  // namespace orvik::bench
