@@ -182,7 +182,17 @@ WrittenRows writeRows(store::Connection& db, const RowPlan& plan,
         const std::string id = personID(p);
         const std::string name = names[person.members[0]].empty() ? "Person " + std::to_string(p)
                                                                   : names[person.members[0]];
-        insertPerson(id, name, pick(5) == 0, std::nullopt);
+        // One in five persons was named by the user, with the claim that says so.
+        const bool userStated = pick(5) == 0;
+        insertPerson(id, name, userStated, std::nullopt);
+        if (userStated) {
+            seed::insert(db, seed::Claim{.id = "cn-" + std::to_string(p),
+                                         .personID = id,
+                                         .sourceIdentityID = std::nullopt,
+                                         .predicate = "display_name",
+                                         .provenance = "user_stated",
+                                         .value = name});
+        }
         std::string memberOf = id;
         if (!person.reserved && pick(12) == 0) {
             const int hops = 1 + pick(2);

@@ -14,7 +14,7 @@ namespace {
 
 // Bump when the generated content changes: cached stores of other versions are
 // left alone and regenerated under the new name.
-constexpr int kGeneratorVersion = 2;
+constexpr int kGeneratorVersion = 3;
 
 std::filesystem::path benchDirectory() {
     auto directory = std::filesystem::temp_directory_path() / "orvik-bench";

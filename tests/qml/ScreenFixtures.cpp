@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "host/StoreSeeder.h"
 #include "identity/IdentityRepository.h"
 #include "tests/support/TestSupport.h"
 
@@ -29,13 +30,19 @@ QString ScreenFixtures::candidateStore() {
 
 QString ScreenFixtures::manualLinkStore() {
     auto& db = *databases_.emplace_back(std::make_unique<TestDatabase>());
-    db.exec(
-        "INSERT INTO person (id, display_name, tier, created_from, merged_into_person_id, "
-        "created_at) VALUES ('p-robin', 'Robin Park', 'standard', 'user_stated', NULL, "
-        "'2019-01-01T00:00:00Z')");
-    // A user-stated person is offered only with the name the user gave it.
-    db.exec("INSERT INTO claim VALUES ('c-robin', 'p-robin', NULL, 'display_name', "
-            "'user_stated', 'Robin Park')");
+    db.pool().write([](orvik::store::Connection& c) {
+        namespace seed = orvik::seed;
+        seed::insert(c, seed::Person{.id = "p-robin",
+                                     .displayName = "Robin Park",
+                                     .tier = "standard",
+                                     .createdAt = "2019-01-01T00:00:00Z"});
+        // A user-stated person is offered only with the name the user gave it.
+        seed::insert(c, seed::Claim{.id = "c-robin",
+                                    .personID = "p-robin",
+                                    .predicate = "display_name",
+                                    .provenance = "user_stated",
+                                    .value = "Robin Park"});
+    });
     db.addPerson("p-zed", std::nullopt, "Zed Park");
     db.addPerson("p-dana", std::nullopt, "Dana Lee");
     db.addIdentity("si-zed-mail", "gmail", "zed@example.com", "Zed Park");

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "host/HostServices.h"
+#include "host/StoreSeeder.h"
 
 namespace orvik::test {
 
@@ -58,24 +59,39 @@ std::string sql(const std::optional<std::string>& value) {
     return out + "'";
 }
 
+namespace {
+
+// Rows a test seeds carry this time, early enough to sort before anything an
+// operation writes.
+const std::string kSeededAt = "2020-01-01T00:00:00Z";
+const std::string kSeenLastAt = "2020-01-02T00:00:00Z";
+
+}  // namespace
+
 void TestDatabase::addPerson(const std::string& id, const std::optional<std::string>& mergedInto,
                              const std::optional<std::string>& displayName,
                              const std::string& createdFrom) {
-    exec(
-        "INSERT INTO person (id, display_name, tier, created_from, merged_into_person_id, "
-        "created_at) VALUES (" +
-        sql(id) + ", " + sql(displayName) + ", 'stub', " + sql(createdFrom) + ", " +
-        sql(mergedInto) + ", '2020-01-01T00:00:00Z')");
+    pool_->write([&](store::Connection& db) {
+        seed::insert(db, seed::Person{.id = id,
+                                      .displayName = displayName,
+                                      .createdFrom = createdFrom,
+                                      .mergedIntoPersonID = mergedInto,
+                                      .createdAt = kSeededAt});
+    });
 }
 
 void TestDatabase::addIdentity(const std::string& id, const std::string& sourceType,
                                const std::string& handle,
                                const std::optional<std::string>& displayName) {
-    exec(
-        "INSERT INTO source_identity (id, source_type, handle_normalized, display_name, "
-        "first_seen_at, last_seen_at, created_at) VALUES (" +
-        sql(id) + ", " + sql(sourceType) + ", " + sql(handle) + ", " + sql(displayName) +
-        ", '2020-01-01T00:00:00Z', '2020-01-02T00:00:00Z', '2020-01-01T00:00:00Z')");
+    pool_->write([&](store::Connection& db) {
+        seed::insert(db, seed::SourceIdentity{.id = id,
+                                              .sourceType = sourceType,
+                                              .handleNormalized = handle,
+                                              .displayName = displayName,
+                                              .firstSeenAt = kSeededAt,
+                                              .lastSeenAt = kSeenLastAt,
+                                              .createdAt = kSeededAt});
+    });
 }
 
 void TestDatabase::addMembership(const std::string& id, const std::string& identityID,
@@ -83,23 +99,33 @@ void TestDatabase::addMembership(const std::string& id, const std::string& ident
                                  const std::optional<std::string>& endedAt,
                                  const std::string& decidedBy,
                                  const std::optional<std::string>& because) {
-    exec(
-        "INSERT INTO identity_membership (id, source_identity_id, canonical_person_id, state, "
-        "because, decided_by, decided_at, ended_at, created_at) VALUES (" +
-        sql(id) + ", " + sql(identityID) + ", " + sql(personID) + ", " + sql(state) + ", " +
-        sql(because) + ", " + sql(decidedBy) + ", '2020-01-01T00:00:00Z', " + sql(endedAt) +
-        ", '2020-01-01T00:00:00Z')");
+    pool_->write([&](store::Connection& db) {
+        seed::insert(db, seed::Membership{.id = id,
+                                          .sourceIdentityID = identityID,
+                                          .canonicalPersonID = personID,
+                                          .state = state,
+                                          .because = because,
+                                          .decidedBy = decidedBy,
+                                          .decidedAt = kSeededAt,
+                                          .endedAt = endedAt,
+                                          .createdAt = kSeededAt});
+    });
 }
 
 void TestDatabase::addDifferent(const std::string& id, const std::string& aType,
                                 const std::string& aID, const std::string& bType,
                                 const std::string& bID, const std::optional<std::string>& revokedAt,
                                 const std::string& decidedBy) {
-    exec(
-        "INSERT INTO identity_constraint (id, a_type, a_id, b_type, b_id, kind, decided_by, "
-        "created_at, revoked_at) VALUES (" +
-        sql(id) + ", " + sql(aType) + ", " + sql(aID) + ", " + sql(bType) + ", " + sql(bID) +
-        ", 'different', " + sql(decidedBy) + ", '2020-01-01T00:00:00Z', " + sql(revokedAt) + ")");
+    pool_->write([&](store::Connection& db) {
+        seed::insert(db, seed::Constraint{.id = id,
+                                          .aType = aType,
+                                          .aID = aID,
+                                          .bType = bType,
+                                          .bID = bID,
+                                          .decidedBy = decidedBy,
+                                          .createdAt = kSeededAt,
+                                          .revokedAt = revokedAt});
+    });
 }
 
 void TestDatabase::exec(const std::string& sql) {

@@ -1,5 +1,6 @@
 // Shared helpers for the test suite: temporary databases with the reference
-// schema, seeding by plain SQL, and whole-store dumps as canonical text.
+// schema, seeding shortcuts over the seeding library (host/StoreSeeder.h), and
+// whole-store dumps as canonical text.
 #pragma once
 
 #include <filesystem>
@@ -58,8 +59,9 @@ class TestDatabase {
     // written as NULL. Rows in the order the query returns them.
     [[nodiscard]] std::vector<std::string> rows(const std::string& sql);
 
-    // Seeding shortcuts. Timestamps default to a fixed early time so that rows a
-    // test seeds sort before anything an operation writes.
+    // Seeding shortcuts, one write transaction each. Rows carry a fixed early
+    // time, so that they sort before anything an operation writes; for other
+    // rows, seed::insert inside pool().write.
     void addPerson(const std::string& id, const std::optional<std::string>& mergedInto = {},
                    const std::optional<std::string>& displayName = {},
                    const std::string& createdFrom = "user_stated");
