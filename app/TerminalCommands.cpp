@@ -7,6 +7,7 @@
 #include <set>
 #include <utility>
 
+#include "app/ProviderNames.h"
 #include "app/StoreAccess.h"
 #include "codec/RecordCodec.h"
 #include "identity/IdentityCorrectionView.h"
@@ -196,36 +197,8 @@ std::string joinedLabels(const std::vector<std::string>& labels) {
 }  // namespace
 
 std::string providerName(const std::string& sourceType) {
-    // The desktop program's names (app/desktop/qml/Providers.js), so that the
-    // terminal and the screens say the same.
-    static const std::map<std::string, std::string, std::less<>> kNames{
-        {"gmail", "Gmail"},
-        {"outlook", "Outlook"},
-        {"google_calendar", "Google Calendar"},
-        {"apple_calendar", "Apple Calendar"},
-        {"apple_contacts", "Apple Contacts"},
-        {"google_contacts", "Google Contacts"},
-        {"imessage", "Messages"},
-        {"hybrid_archive", "Archive"},
-    };
-    if (const auto it = kNames.find(sourceType); it != kNames.end()) {
-        return it->second;
-    }
-    // Its words, capitalised: "some_source" is "Some Source".
-    std::string words;
-    bool startOfWord = true;
-    for (const char c : printable(sourceType)) {
-        if (c == '_') {
-            startOfWord = true;
-            continue;
-        }
-        if (startOfWord && !words.empty()) {
-            words += ' ';
-        }
-        words += startOfWord && c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-        startOfWord = false;
-    }
-    return words;
+    // The screens' names; an unknown type's words as they can be shown here.
+    return providerDisplayName(printable(sourceType));
 }
 
 // --- Reads.

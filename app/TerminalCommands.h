@@ -35,8 +35,8 @@ struct Terminal {
     std::string subjectID;
 };
 
-// The source name shown for a source type ("gmail" is "Gmail", "imessage"
-// "Messages"); an unknown type is shown with its underscores as spaces.
+// The source name shown for a source type: the screens' name
+// (app/ProviderNames.h), made printable.
 [[nodiscard]] std::string providerName(const std::string& sourceType);
 
 // --- Reads.

@@ -1,33 +1,23 @@
 // End-to-end tests of the orvik-identity executable: each case runs the built
 // binary as a child process on a temporary database, feeds it request lines and
 // reads its answers.
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 #include <fstream>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tests/support/CliRunner.h"
 #include "tests/support/TestSupport.h"
-
-extern char** environ;
 
 namespace orvik::test {
 namespace {
 
 using Json = nlohmann::json;
-using Lines = std::vector<std::string>;
 
 std::string readFile(const std::filesystem::path& path) {
     std::stringstream bytes;
@@ -35,122 +25,12 @@ std::string readFile(const std::filesystem::path& path) {
     return bytes.str();
 }
 
-// One running orvik-identity with its stdin and stdout on pipes and its stderr in a
-// file; killed on destruction if still running.
-class CliProcess {
-  public:
-    explicit CliProcess(Lines arguments) {
-        std::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
-        int in[2];
-        int out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
-            throw std::runtime_error("pipe failed");
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_addopen(&actions, 2, errorPath_.c_str(), O_WRONLY | O_CREAT, 0600);
-        arguments.insert(arguments.begin(), ORVIK_IDENTITY_BIN);
-        std::vector<char*> argv;
-        for (auto& argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
-        const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]);
-        ::close(out[1]);
-        input_ = in[1];
-        output_ = out[0];
-        if (spawned != 0) {
-            throw std::runtime_error("cannot start " + arguments[0]);
-        }
-    }
-
-    ~CliProcess() {
-        ::close(input_);
-        ::close(output_);
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
-
-    // One blocking write; a child that has already exited gets nothing (EPIPE).
-    void send(const std::string& text) {
-        [[maybe_unused]] const ssize_t n = ::write(input_, text.data(), text.size());
-    }
-
-    // The next line of stdout; absent at end of output or when none arrives in time.
-    std::optional<std::string> readLine() {
-        char chunk[4096];
-        for (;;) {
-            if (const auto newline = buffer_.find('\n'); newline != std::string::npos) {
-                std::string line = buffer_.substr(0, newline);
-                buffer_.erase(0, newline + 1);
-                return line;
-            }
-            pollfd ready{output_, POLLIN, 0};
-            const ssize_t n =
-                ::poll(&ready, 1, 30000) > 0 ? ::read(output_, chunk, sizeof chunk) : 0;
-            if (n <= 0) {
-                return std::nullopt;
-            }
-            buffer_.append(chunk, static_cast<std::size_t>(n));
-        }
-    }
-
-    // Closes stdin; the remaining lines of stdout and the exit status (-1 if killed).
-    std::pair<Lines, int> finish() {
-        ::close(std::exchange(input_, -1));
-        Lines lines;
-        while (auto line = readLine()) {
-            lines.push_back(*line);
-        }
-        int status = 0;
-        ::waitpid(std::exchange(pid_, -1), &status, 0);
-        return {lines, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-    }
-
-    [[nodiscard]] std::string errorOutput() const { return readFile(errorPath_); }
-
-  private:
-    TempDir errorDir_;
-    std::filesystem::path errorPath_ = errorDir_.path() / "stderr";
-    pid_t pid_ = -1;
-    int input_ = -1;
-    int output_ = -1;
-    std::string buffer_;
-};
-
-struct CliRun {
-    int exitCode = -1;
-    Lines lines;
-    std::string errors;
-    [[nodiscard]] std::string text() const {
-        std::string joined;
-        for (const auto& line : lines) {
-            joined += line + "\n";
-        }
-        return joined;
-    }
-};
-
-// Runs the program to completion with the given stdin.
-CliRun runCli(const Lines& arguments, const std::string& input = {}) {
-    CliProcess process(arguments);
-    process.send(input);
-    auto [lines, exitCode] = process.finish();
-    return {exitCode, std::move(lines), process.errorOutput()};
-}
-
-CliRun exec(const std::filesystem::path& db, const std::string& input) {
+ChildRun exec(const std::filesystem::path& db, const std::string& input) {
     return runCli({"exec", "--db", db.string()}, input);
 }
 
 // Fails without a crash, says something on stderr and writes nothing on stdout.
-void expectCleanFailure(const CliRun& run) {
+void expectCleanFailure(const ChildRun& run) {
     EXPECT_NE(run.exitCode, 0);
     EXPECT_TRUE(run.lines.empty()) << run.text();
     EXPECT_FALSE(run.errors.empty());
@@ -160,7 +40,7 @@ void expectCleanFailure(const CliRun& run) {
 }
 
 // One request to a running exec session and its answer, which must echo the id.
-Json call(CliProcess& session, const std::string& op, const Json& args) {
+Json call(ChildProcess& session, const std::string& op, const Json& args) {
     static int sent = 0;
     const Json request{{"id", ++sent}, {"op", op}, {"args", args}};
     session.send(request.dump() + "\n");
@@ -331,7 +211,7 @@ TEST(CliCorrections, ConfirmedCandidateIsWitnessedAndUndoneOnce) {
     store.addIdentity("si-c", "email", "me@example.com");
     store.addPerson("p-1");
     store.addMembership("m-c", "si-c", "p-1");
-    CliProcess session({"exec", "--db", store.path().string()});
+    ChildProcess session(ORVIK_IDENTITY_BIN, {"exec", "--db", store.path().string()});
     const auto resolved = [&](const std::string& id) {
         return call(session, "resolveCanonicalPerson", {{"sourceIdentityID", id}})["ok"];
     };
@@ -426,7 +306,7 @@ TEST(CliCorrections, EveryRecordTravelsWithItsDocumentedKeys) {
     store.addMembership("m-3", "si-3", "p-bo");
     store.exec(
         "INSERT INTO claim VALUES ('c-ana','p-ana',NULL,'display_name','user_stated','Ana')");
-    CliProcess session({"exec", "--db", store.path().string()});
+    ChildProcess session(ORVIK_IDENTITY_BIN, {"exec", "--db", store.path().string()});
     const auto ok = [&](const std::string& op, const Json& args) {
         static int sent = 0;
         const Json request{{"id", "k" + std::to_string(++sent)}, {"op", op}, {"args", args}};

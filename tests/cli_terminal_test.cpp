@@ -36,10 +36,10 @@ struct CliStore {
         db.addMembership("m-card", "si-card", "p-old");
     }
 
-    CliRun run(Lines arguments, CliOptions options = {}) {
+    ChildRun run(Lines arguments, const std::string& input = {}, ChildOptions options = {}) {
         arguments.insert(arguments.end(), {"--db", db.path().string()});
         options.environment.emplace("XDG_STATE_HOME", state.path().string());
-        return runCli(arguments, options);
+        return runCli(arguments, input, options);
     }
 
     // The person an identity resolves to now, or "-".
@@ -51,19 +51,7 @@ struct CliStore {
     }
 };
 
-CliOptions withInput(std::string input) {
-    CliOptions options;
-    options.input = std::move(input);
-    return options;
-}
-
-CliOptions withEnvironment(std::map<std::string, std::string> environment) {
-    CliOptions options;
-    options.environment = std::move(environment);
-    return options;
-}
-
-void expectUsageError(const CliRun& run, const std::string& expected) {
+void expectUsageError(const ChildRun& run, const std::string& expected) {
     EXPECT_EQ(run.exitCode, 2) << run.errors;
     EXPECT_TRUE(run.lines.empty()) << run.text();
     EXPECT_TRUE(run.errors.starts_with("orvik-identity: ")) << run.errors;
@@ -234,18 +222,18 @@ TEST(CliCorrections, JsonIsWhatExecAnswers) {
         viaExec.db.addMembership("m-extra", "si-cal", "p-dana");
         std::string request = c.request;
         if (const auto at = request.find("SI_CAL"); at != std::string::npos) {
-            const auto row = Json::parse(
-                viaExec
-                    .run({"exec"}, withInput(R"({"op":"sourceIdentity","args":{"id":"si-cal"}})"
-                                             "\n"))
-                    .lines.at(0))["ok"];
+            const auto row =
+                Json::parse(viaExec
+                                .run({"exec"}, R"({"op":"sourceIdentity","args":{"id":"si-cal"}})"
+                                               "\n")
+                                .lines.at(0))["ok"];
             request.replace(at, 6, row.dump());
         }
         Lines arguments = c.arguments;
         arguments.push_back("--json");
         const auto cli = viaCli.run(arguments);
         ASSERT_EQ(cli.exitCode, 0) << cli.errors;
-        const auto answered = viaExec.run({"exec"}, withInput(request + "\n"));
+        const auto answered = viaExec.run({"exec"}, request + "\n");
         ASSERT_EQ(answered.lines.size(), 1u) << answered.errors;
         const auto answer = Json::parse(answered.lines[0]);
         ASSERT_TRUE(answer.contains("ok")) << answered.lines[0];
@@ -258,12 +246,12 @@ TEST(CliCorrections, JsonIsWhatExecAnswers) {
     // Reads: byte for byte.
     CliStore store;
     store.run({"link", "si-cal", "si-mail"});
-    const auto answers = store.run(
-        {"exec"}, withInput(R"({"op":"identityHistory","args":{"personID":"p-dana"}})"
+    const auto answers =
+        store.run({"exec"}, R"({"op":"identityHistory","args":{"personID":"p-dana"}})"
                             "\n"
                             R"({"op":"searchSourceIdentities","args":{"query":"dana","limit":3,)"
                             R"("excludingSourceIdentityIDs":[]}})"
-                            "\n"));
+                            "\n");
     ASSERT_EQ(answers.lines.size(), 2u) << answers.errors;
     EXPECT_EQ(store.run({"history", "--person", "p-dana", "--json"}).lines,
               Lines{Json::parse(answers.lines[0])["ok"].dump()});
@@ -281,10 +269,9 @@ TEST(CliOutput, FitsTheTerminalAndStaysStableInAPipe) {
     store.db.addMembership("m-cal", "si-cal", "p-dana");
     ASSERT_EQ(store.run({"separate", "si-cal"}).exitCode, 0);
 
-    CliOptions terminal;
-    terminal.environment = {{"COLUMNS", "60"}, {"TZ", "Asia/Kolkata"}};
-    terminal.terminal = true;
-    const auto search = store.run({"search", "example.org"}, terminal);
+    const ChildOptions terminal{.environment = {{"COLUMNS", "60"}, {"TZ", "Asia/Kolkata"}},
+                                .terminal = true};
+    const auto search = store.run({"search", "example.org"}, {}, terminal);
     ASSERT_EQ(search.exitCode, 0) << search.errors;
     bool cut = false;
     for (const auto& line : search.lines) {
@@ -299,7 +286,8 @@ TEST(CliOutput, FitsTheTerminalAndStaysStableInAPipe) {
     // Last seen 2020-01-02T00:00:00Z is half past five in the morning in Kolkata.
     EXPECT_NE(search.text().find("2020-01-02 05:30"), std::string::npos) << search.text();
 
-    const auto piped = store.run({"search", "example.org"}, withEnvironment({{"COLUMNS", "60"}}));
+    const auto piped =
+        store.run({"search", "example.org"}, {}, {.environment = {{"COLUMNS", "60"}}});
     EXPECT_NE(piped.text().find("Someone With A Remarkably Long Display Name For A Contact"),
               std::string::npos);
     EXPECT_NE(piped.text().find("2020-01-02T00:00:00Z"), std::string::npos) << piped.text();

@@ -1,8 +1,6 @@
 // orvik-identity-desktop --screenshot, run as a person would run it on a store made
 // by `orvik-identity demo`: each screen comes out as a PNG of the promised size that
 // shows something.
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -12,56 +10,44 @@
 #include <gtest/gtest.h>
 #include <QImage>
 
+#include "tests/support/CliRunner.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-struct CommandRun {
-    int status = -1;
-    std::string output;
-};
+using orvik::test::ChildRun;
+using orvik::test::Lines;
 
-CommandRun run(const std::string& command) {
-    CommandRun result;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    std::array<char, 4096> buffer{};
-    while (fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-        result.output += buffer.data();
-    }
-    result.status = pclose(pipe);
-    return result;
-}
-
-std::string quoted(const std::filesystem::path& path) {
-    return "'" + path.string() + "'";
+// What a person running the program sees: its output and its errors.
+std::string shown(const ChildRun& run) {
+    return run.text() + run.errors;
 }
 
 class DesktopScreenshot : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         // Under LeakSanitizer, the desktop program reports Qt's own caches at exit.
-        setenv("LSAN_OPTIONS",
-               "suppressions=" ORVIK_QT_LSAN_SUPPRESSIONS ":print_suppressions=0", 0);
+        setenv("LSAN_OPTIONS", "suppressions=" ORVIK_QT_LSAN_SUPPRESSIONS ":print_suppressions=0",
+               0);
         dir_ = new orvik::test::TempDir();
         store_ = dir_->path() / "demo.db";
-        const CommandRun demo = run(std::string(ORVIK_IDENTITY_BIN) + " demo --db " + quoted(store_));
-        ASSERT_EQ(demo.status, 0) << demo.output;
+        const ChildRun demo = orvik::test::runCli({"demo", "--db", store_.string()});
+        ASSERT_EQ(demo.exitCode, 0) << shown(demo);
+        const std::string output = shown(demo);
         std::smatch match;
         const std::regex uuid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
-        ASSERT_TRUE(std::regex_search(demo.output, match, uuid)) << demo.output;
+        ASSERT_TRUE(std::regex_search(output, match, uuid)) << output;
         person_ = match.str();
     }
     static void TearDownTestSuite() { delete dir_; }
 
     // Renders a screen and returns the image; fails the test when the program does.
-    static QImage shoot(const std::string& screen, const std::string& extra = "") {
+    static QImage shoot(const std::string& screen, const Lines& extra = {}) {
         const auto file = dir_->path() / (screen + ".png");
-        const CommandRun shot = run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(store_) +
-                             " --screenshot " + quoted(file) + " --screen " + screen + extra);
-        EXPECT_EQ(shot.status, 0) << shot.output;
+        Lines arguments{"--db", store_.string(), "--screenshot", file.string(), "--screen", screen};
+        arguments.insert(arguments.end(), extra.begin(), extra.end());
+        const ChildRun shot = orvik::test::runChild(ORVIK_DESKTOP_BIN, arguments);
+        EXPECT_EQ(shot.exitCode, 0) << shown(shot);
         return QImage(QString::fromStdString(file.string()));
     }
 
@@ -86,26 +72,27 @@ TEST_F(DesktopScreenshot, EveryScreenRendersAtItsSize) {
     EXPECT_EQ(candidates.size(), QSize(720, 560));
     EXPECT_GT(distinctColours(candidates), 20u);
 
-    const QImage manual = shoot("manual-link", " --person " + person_);
+    const QImage manual = shoot("manual-link", {"--person", person_});
     EXPECT_EQ(manual.size(), QSize(720, 760));
     EXPECT_GT(distinctColours(manual), 20u);
 
-    const QImage history = shoot("history", " --person " + person_);
+    const QImage history = shoot("history", {"--person", person_});
     EXPECT_EQ(history.size(), QSize(560, 420));
     EXPECT_GT(distinctColours(history), 20u);
 }
 
 TEST_F(DesktopScreenshot, BadArgumentsFailWithAReason) {
-    const CommandRun missing =
-        run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(dir_->path() / "absent.db") +
-            " --screenshot x.png --screen candidates");
-    EXPECT_NE(missing.status, 0);
-    EXPECT_NE(missing.output.find("no database at"), std::string::npos) << missing.output;
+    const auto shot = (dir_->path() / "x.png").string();
+    const ChildRun missing =
+        orvik::test::runChild(ORVIK_DESKTOP_BIN, {"--db", (dir_->path() / "absent.db").string(),
+                                                  "--screenshot", shot, "--screen", "candidates"});
+    EXPECT_NE(missing.exitCode, 0);
+    EXPECT_NE(shown(missing).find("no database at"), std::string::npos) << shown(missing);
 
-    const CommandRun noPerson = run(std::string(ORVIK_DESKTOP_BIN) + " --db " + quoted(store_) +
-                             " --screenshot x.png --screen history");
-    EXPECT_NE(noPerson.status, 0);
-    EXPECT_NE(noPerson.output.find("--person"), std::string::npos) << noPerson.output;
+    const ChildRun noPerson = orvik::test::runChild(
+        ORVIK_DESKTOP_BIN, {"--db", store_.string(), "--screenshot", shot, "--screen", "history"});
+    EXPECT_NE(noPerson.exitCode, 0);
+    EXPECT_NE(shown(noPerson).find("--person"), std::string::npos) << shown(noPerson);
 }
 
 }  // namespace

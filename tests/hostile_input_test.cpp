@@ -37,7 +37,7 @@ TEST_F(HostileInput, EveryLineIsAnsweredAndTheSessionGoesOn) {
                               R"({"id":1e999999,"op":"person","args":{"id":"p"}})" + "\n" +
                               withNul + "\n" + bracketsInText + "\n" +
                               R"({"id":6,"op":"person","args":{"id":"p"}})" + "\n";
-    const auto run = runCli({"exec", "--db", db_.string()}, {.environment = {}, .input = input});
+    const auto run = runCli({"exec", "--db", db_.string()}, input);
     EXPECT_EQ(run.exitCode, 0) << run.errors;
     ASSERT_EQ(run.lines.size(), 6U) << run.text() << run.errors;
     for (int i = 0; i < 4; ++i) {
@@ -71,19 +71,16 @@ TEST(KeyOptions, KeyFileEnvironmentAndKeyAreEquivalent) {
 
     const std::string readback = R"({"id":1,"op":"identityCorrectionsReadback"})"
                                  "\n";
-    for (const auto& run :
-         {runCli({"exec", "--db", db, "--key", "file secret"},
-                 {.environment = {}, .input = readback}),
-          runCli({"exec", "--db", db},
-                 {.environment = {{"ORVIK_IDENTITY_KEY", "file secret"}}, .input = readback}),
-          runCli({"exec", "--db", db, "--key-file", keyFile},
-                 {.environment = {}, .input = readback})}) {
+    for (const auto& run : {runCli({"exec", "--db", db, "--key", "file secret"}, readback),
+                            runCli({"exec", "--db", db}, readback,
+                                   {.environment = {{"ORVIK_IDENTITY_KEY", "file secret"}}}),
+                            runCli({"exec", "--db", db, "--key-file", keyFile}, readback)}) {
         EXPECT_EQ(run.exitCode, 0) << run.errors;
         ASSERT_EQ(run.lines.size(), 1U) << run.errors;
         EXPECT_TRUE(Json::parse(run.lines[0]).contains("ok")) << run.lines[0];
     }
     // No key and no terminal: a clear refusal, not a prompt.
-    const auto withoutKey = runCli({"exec", "--db", db}, {.environment = {}, .input = readback});
+    const auto withoutKey = runCli({"exec", "--db", db}, readback);
     EXPECT_NE(withoutKey.exitCode, 0);
     EXPECT_NE(withoutKey.errors.find("encrypted"), std::string::npos) << withoutKey.errors;
     const auto missingFile =

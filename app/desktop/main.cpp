@@ -29,6 +29,7 @@
 
 #include "app/StoreAccess.h"
 #include "app/desktop/PersonNames.h"
+#include "app/desktop/Providers.h"
 
 namespace {
 
@@ -203,10 +204,13 @@ int main(int argc, char** argv) {
     QGuiApplication::setApplicationName(QStringLiteral("Orvik Identities"));
     QGuiApplication::setDesktopFileName(QStringLiteral("orvik-identity-desktop"));
 
+    // Outlives the engine: the screens' bindings read it until the engine is gone.
+    Providers providers;
     QQmlApplicationEngine engine;
     addModuleImportPaths(engine);
     PersonNames personNames(QString::fromStdString(options.store.db),
                             QString::fromStdString(options.key));
     engine.rootContext()->setContextProperty(QStringLiteral("personNames"), &personNames);
+    engine.rootContext()->setContextProperty(QStringLiteral("providers"), &providers);
     return shooting ? runScreenshot(engine, options) : runWindow(engine, app, options);
 }

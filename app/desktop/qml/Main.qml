@@ -5,7 +5,6 @@ import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
 import Orvik.Identity
-import "Providers.js" as Providers
 
 ApplicationWindow {
     id: window
@@ -151,7 +150,7 @@ ApplicationWindow {
 
                 IdentityCorrectionsPane {
                     controller: controller
-                    providerDisplayName: Providers.displayName
+                    providerDisplayName: providers.displayName
                     busy: !sessionRoot.loaded
                     SplitView.preferredWidth: 460
                     SplitView.minimumWidth: 320
@@ -175,8 +174,8 @@ ApplicationWindow {
                         }
                         IdentityManualLinkView {
                             controller: controller
-                            providerDisplayName: Providers.displayName
-                            distinguishingProviderName: Providers.distinguishingName
+                            providerDisplayName: providers.displayName
+                            distinguishingProviderName: providers.distinguishingName
                             Layout.fillWidth: true
                             Layout.fillHeight: true
                         }
@@ -293,7 +292,7 @@ ApplicationWindow {
             sourceComponent: IdentityHistoryView {
                 personDisplayName: window.controller && window.controller.scopedPersonDisplayName != null
                                    ? window.controller.scopedPersonDisplayName : ""
-                providerDisplayName: Providers.displayName
+                providerDisplayName: providers.displayName
                 controller: IdentityHistoryController {
                     repository: store
                     personID: window.controller.scopedPersonID

@@ -4,7 +4,6 @@
 import QtQuick
 import QtQuick.Controls
 import Orvik.Identity
-import "Providers.js" as Providers
 
 ApplicationWindow {
     id: window
@@ -91,7 +90,7 @@ ApplicationWindow {
 
         IdentityCorrectionsPane {
             controller: candidates
-            providerDisplayName: Providers.displayName
+            providerDisplayName: providers.displayName
         }
     }
 
@@ -100,8 +99,8 @@ ApplicationWindow {
 
         IdentityManualLinkView {
             controller: candidates
-            providerDisplayName: Providers.displayName
-            distinguishingProviderName: Providers.distinguishingName
+            providerDisplayName: providers.displayName
+            distinguishingProviderName: providers.distinguishingName
         }
     }
 
@@ -110,7 +109,7 @@ ApplicationWindow {
 
         IdentityHistoryView {
             personDisplayName: window.personName != null ? window.personName : ""
-            providerDisplayName: Providers.displayName
+            providerDisplayName: providers.displayName
             controller: IdentityHistoryController {
                 repository: store
                 personID: window.personID
