@@ -157,6 +157,11 @@ class RepositoryCore {
     // walk at its identifier; a cycle ends wherever the 20th hop lands. Never fails
     // on a broken chain.
     std::string absorptionChainHead(const std::string& personID, store::Connection& db);
+    // The head and its row: the row the walk ended on, read again only when the
+    // walk did not read it (a head known from earlier in the transaction, or one
+    // reached at the hop limit). Absent row: the head person does not exist.
+    std::pair<std::string, std::optional<PersonRow>> absorptionChainHeadRow(
+        const std::string& personID, store::Connection& db);
     // The claims owned by the person, in id order.
     std::vector<std::string> claimIDs(const std::string& personID, store::Connection& db);
     // Inserts a stub person created by an identity correction; returns its id.
@@ -390,6 +395,12 @@ class RepositoryCore {
         const std::vector<std::string>& excludingPersonIDs, store::Connection& db);
 
   private:
+    // The walk behind both absorption operations. headRow, when given, receives
+    // every row read, so that it ends holding the head's (absent: the head does
+    // not exist); it is left empty when the head's row was not read.
+    std::string walkAbsorptionChain(const std::string& personID, store::Connection& db,
+                                    std::optional<std::optional<PersonRow>>* headRow);
+
     host::HostServices services_;
 };
 

@@ -208,14 +208,13 @@ std::optional<ResolvedPerson> RepositoryCore::resolveCanonicalPerson(
     if (!membership) {
         return std::nullopt;
     }
-    const std::string head = absorptionChainHead(membership->canonicalPersonID, db);
-    const auto person = personRow(head, db);
+    auto [head, person] = absorptionChainHeadRow(membership->canonicalPersonID, db);
     if (!person) {
         return std::nullopt;
     }
     return ResolvedPerson{
-        .personID = head,
-        .displayName = person->displayName,
+        .personID = std::move(head),
+        .displayName = std::move(person->displayName),
         .membershipState = membership->state,
         .decidedBy = membership->decidedBy,
         .because = membership->because,
@@ -283,6 +282,21 @@ OperationMemo* OperationMemo::of(store::Connection& db) {
 
 std::string RepositoryCore::absorptionChainHead(const std::string& personID,
                                                 store::Connection& db) {
+    return walkAbsorptionChain(personID, db, nullptr);
+}
+
+std::pair<std::string, std::optional<PersonRow>> RepositoryCore::absorptionChainHeadRow(
+    const std::string& personID, store::Connection& db) {
+    std::optional<std::optional<PersonRow>> last;
+    std::string head = walkAbsorptionChain(personID, db, &last);
+    if (!last) {
+        last = personRow(head, db);
+    }
+    return {std::move(head), std::move(*last)};
+}
+
+std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, store::Connection& db,
+                                                std::optional<std::optional<PersonRow>>* headRow) {
     OperationMemo* memo = OperationMemo::of(db);
     if (memo != nullptr) {
         if (const auto it = memo->heads.find(personID); it != memo->heads.end()) {
@@ -295,11 +309,18 @@ std::string RepositoryCore::absorptionChainHead(const std::string& personID,
     while (true) {
         bool exists = false;
         std::optional<std::string> mergedInto;
-        db.queryWhile(kSelectPerson, {current}, [&](const store::Row& row) {
-            exists = true;
-            mergedInto = row.optionalText(row.positions(kMergedIntoColumn)[0]);
-            return false;
-        });
+        if (headRow != nullptr) {
+            auto row = personRow(current, db);
+            exists = row.has_value();
+            mergedInto = exists ? row->mergedIntoPersonID : std::nullopt;
+            *headRow = std::move(row);
+        } else {
+            db.queryWhile(kSelectPerson, {current}, [&](const store::Row& row) {
+                exists = true;
+                mergedInto = row.optionalText(row.positions(kMergedIntoColumn)[0]);
+                return false;
+            });
+        }
         if (!exists || !mergedInto) {
             // The walk ended by itself: every person on it has this head (each is
             // fewer hops from it than the start).
@@ -314,9 +335,13 @@ std::string RepositoryCore::absorptionChainHead(const std::string& personID,
         walked.push_back(current);
         current = std::move(*mergedInto);
         if (--hopsLeft == 0) {
-            // Cut off at the hop limit: only the start's answer is known.
+            // Cut off at the hop limit: only the start's answer is known, and the
+            // row reached was not read.
             if (memo != nullptr) {
                 memo->heads.emplace(personID, current);
+            }
+            if (headRow != nullptr) {
+                headRow->reset();
             }
             return current;
         }

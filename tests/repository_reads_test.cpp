@@ -79,6 +79,11 @@ TEST_P(RepositoryReads, ChainHeadStopsAtMissingPersonsCyclesAndTwentyHops) {
         EXPECT_EQ(core.absorptionChainHead("x", c), "x");
         EXPECT_EQ(core.absorptionChainHead("p0", c), "p20");
         EXPECT_EQ(core.absorptionChainHead("p10", c), "p25");
+        // With the head's row: the one the walk ended on, or the row the hop
+        // limit stopped at, never the last one read before it.
+        EXPECT_EQ(core.absorptionChainHeadRow("p1", c).second->id, "p21");
+        EXPECT_EQ(core.absorptionChainHeadRow("p11", c).second->id, "p25");
+        EXPECT_FALSE(core.absorptionChainHeadRow("orphaned", c).second);
         return 0;
     });
 }
