@@ -15,14 +15,7 @@ namespace {
 using Strings = std::vector<std::string>;
 using Event = IdentityCorrectionWitness::Event;
 
-template <typename Row>
-Strings ids(const std::vector<Row>& rows) {
-    Strings out;
-    for (const auto& row : rows) {
-        out.push_back(row.id);
-    }
-    return out;
-}
+using test::ids;
 
 void expectInvalidArgsNaming(const std::function<void()>& call, const std::string& limit) {
     try {

@@ -8,14 +8,7 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-template <typename Row>
-Strings ids(const std::vector<Row>& rows) {
-    Strings out;
-    for (const auto& row : rows) {
-        out.push_back(row.id);
-    }
-    return out;
-}
+using test::ids;
 
 struct Store {
     test::TestDatabase db;

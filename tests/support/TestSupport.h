@@ -17,6 +17,16 @@ namespace orvik::test {
 // The lines of a dump, but for the projection counter that every correction bumps.
 std::set<std::string> dumpLines(const std::string& dump);
 
+// The id of every row, in order.
+template <typename Row>
+std::vector<std::string> ids(const std::vector<Row>& rows) {
+    std::vector<std::string> out;
+    for (const auto& row : rows) {
+        out.push_back(row.id);
+    }
+    return out;
+}
+
 // An SQL literal: 'text' with quotes doubled, or NULL.
 std::string sql(const std::optional<std::string>& value);
 
