@@ -490,6 +490,10 @@ struct MergePreState {
 // required (missing or null: no result); the other lists default to empty. Absent
 // when the text is not a valid snapshot; never throws.
 [[nodiscard]] std::optional<MergePreState> decodeMergePreState(std::string_view text) noexcept;
+// The same through the general JSON reader alone: what decodeMergePreState answers
+// for every text (it reads the usual shape directly and defers the rest to this).
+[[nodiscard]] std::optional<MergePreState> decodeMergePreStateInGeneral(
+    std::string_view text) noexcept;
 
 // The source identities named by the membership post- and pre-images, without
 // duplicates, in ascending text order.

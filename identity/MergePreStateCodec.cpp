@@ -3,9 +3,17 @@
 //
 // The writer is hand-rolled so that the bytes are fully under our control: the key
 // order is fixed and every "/" is escaped, matching snapshots already on disk.
-// Reading goes through nlohmann::json and accepts any key order.
+//
+// Reading accepts any key order. Every undo, separation and history entry reads a
+// snapshot, so the common shape is read directly into the records (SnapshotScanner):
+// objects, arrays, strings and nulls, each key known and given once. Anything else
+// (numbers, booleans, unknown keys, repeated keys, a byte-order mark, or any error)
+// is handed to the general reader on nlohmann::json, which decides: the scanner
+// only ever answers where both readers give the same answer.
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -387,6 +395,425 @@ class SnapshotReader {
     }
 };
 
+// The direct reader for snapshots in the common shape. Each read returns false
+// when the text leaves that shape; the caller then asks the general reader.
+class SnapshotScanner {
+  public:
+    explicit SnapshotScanner(std::string_view text) : text_(text) {}
+
+    bool snapshot(MergePreState& s) {
+        // The general reader skips a byte-order mark; leave that to it.
+        if (text_.substr(0, 3) == "\xEF\xBB\xBF") {
+            return false;
+        }
+        enum Key : std::uint32_t {
+            prior = 1u << 0,
+            claims = 1u << 1,
+            written = 1u << 2,
+        };
+        std::uint32_t required = 0;
+        std::vector<std::string_view> keys;
+        const bool read = object([&](std::string_view key, bool null) {
+            // A key given twice is left to the general reader (it keeps the last).
+            if (std::find(keys.begin(), keys.end(), key) != keys.end()) {
+                return false;
+            }
+            keys.push_back(key);
+            // A null required value is malformed: left to the general reader.
+            if (key == "priorActiveMemberships") {
+                required |= prior;
+                return !null && list(s.priorActiveMemberships);
+            }
+            if (key == "priorClaimPersonID") {
+                required |= claims;
+                return !null && map(s.priorClaimPersonID);
+            }
+            if (key == "writtenMembershipIDs") {
+                required |= written;
+                return !null && list(s.writtenMembershipIDs);
+            }
+            if (null) {
+                return true;
+            }
+            if (key == "revokedDifferentConstraintIDs") {
+                return list(s.revokedDifferentConstraintIDs);
+            }
+            if (key == "createdDifferentConstraintIDs") {
+                return list(s.createdDifferentConstraintIDs);
+            }
+            if (key == "membershipPreimages") {
+                return list(s.membershipPreimages);
+            }
+            if (key == "membershipPostImages") {
+                return list(s.membershipPostImages);
+            }
+            if (key == "preExistingSurvivorClaimIDs") {
+                return list(s.preExistingSurvivorClaimIDs);
+            }
+            if (key == "personPreimages") {
+                return list(s.personPreimages);
+            }
+            if (key == "personPostImages") {
+                return list(s.personPostImages);
+            }
+            if (key == "claimOwnershipImages") {
+                return list(s.claimOwnershipImages);
+            }
+            if (key == "createdSameConstraintID") {
+                return string(s.createdSameConstraintID.emplace());
+            }
+            if (key == "captureAssociationImages") {
+                return list(s.captureAssociationImages);
+            }
+            if (key == "followUpOwnershipImages") {
+                return list(s.followUpOwnershipImages);
+            }
+            if (key == "openLoopOwnershipImages") {
+                return list(s.openLoopOwnershipImages);
+            }
+            if (key == "dispositionKeyImages") {
+                return list(s.dispositionKeyImages);
+            }
+            return false;
+        });
+        skipSpace();
+        return read && at_ == text_.size() && required == (prior | claims | written);
+    }
+
+  private:
+    // One record's fields: the name, the field, and whether it is required.
+    struct Field {
+        std::string_view name;
+        std::string* text = nullptr;
+        std::optional<std::string>* optional = nullptr;
+    };
+
+    template <std::size_t N>
+    bool record(const std::array<Field, N>& fields) {
+        std::uint32_t seen = 0;
+        const bool read = object([&](std::string_view key, bool null) {
+            for (std::size_t i = 0; i < N; ++i) {
+                if (fields[i].name != key) {
+                    continue;
+                }
+                if ((seen & (1u << i)) != 0) {
+                    return false;
+                }
+                seen |= 1u << i;
+                if (null) {
+                    return fields[i].optional != nullptr;
+                }
+                return fields[i].text != nullptr ? string(*fields[i].text)
+                                                 : string(fields[i].optional->emplace());
+            }
+            return false;
+        });
+        if (!read) {
+            return false;
+        }
+        for (std::size_t i = 0; i < N; ++i) {
+            if (fields[i].text != nullptr && (seen & (1u << i)) == 0) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool value(MergePreState::PriorMembership& m) {
+        return record(std::array<Field, 7>{{{"id", &m.id},
+                                            {"sourceIdentityID", &m.sourceIdentityID},
+                                            {"canonicalPersonID", &m.canonicalPersonID},
+                                            {"state", &m.state},
+                                            {"because", nullptr, &m.because},
+                                            {"decidedBy", &m.decidedBy},
+                                            {"decidedAt", &m.decidedAt}}});
+    }
+
+    bool value(MergePreState::MembershipRowImage& m) {
+        return record(std::array<Field, 8>{{{"id", &m.id},
+                                            {"sourceIdentityID", &m.sourceIdentityID},
+                                            {"canonicalPersonID", &m.canonicalPersonID},
+                                            {"state", &m.state},
+                                            {"because", nullptr, &m.because},
+                                            {"decidedBy", &m.decidedBy},
+                                            {"decidedAt", &m.decidedAt},
+                                            {"endedAt", nullptr, &m.endedAt}}});
+    }
+
+    bool value(MergePreState::PersonRowImage& p) {
+        return record(
+            std::array<Field, 5>{{{"id", &p.id},
+                                  {"displayName", nullptr, &p.displayName},
+                                  {"tier", &p.tier},
+                                  {"createdFrom", nullptr, &p.createdFrom},
+                                  {"mergedIntoPersonID", nullptr, &p.mergedIntoPersonID}}});
+    }
+
+    bool value(MergePreState::ClaimOwnershipImage& c) {
+        return record(std::array<Field, 3>{{{"id", &c.id},
+                                            {"preimagePersonID", &c.preimagePersonID},
+                                            {"postimagePersonID", &c.postimagePersonID}}});
+    }
+
+    bool value(MergePreState::CaptureAssociationImage& c) {
+        return record(std::array<Field, 5>{{{"sourceObjectID", &c.sourceObjectID},
+                                            {"preimagePersonID", &c.preimagePersonID},
+                                            {"postimagePersonID", &c.postimagePersonID},
+                                            {"preimageState", nullptr, &c.preimageState},
+                                            {"preimageEndedAt", nullptr, &c.preimageEndedAt}}});
+    }
+
+    bool value(MergePreState::DispositionKeyImage& d) {
+        return record(std::array<Field, 4>{{{"oldCandidateKey", &d.oldCandidateKey},
+                                            {"newCandidateKey", &d.newCandidateKey},
+                                            {"preimagePersonID", &d.preimagePersonID},
+                                            {"postimagePersonID", &d.postimagePersonID}}});
+    }
+
+    bool value(std::string& text) { return string(text); }
+
+    template <class T>
+    bool list(std::vector<T>& out) {
+        skipSpace();
+        if (!take('[')) {
+            return false;
+        }
+        skipSpace();
+        if (take(']')) {
+            return true;
+        }
+        do {
+            skipSpace();
+            if (!value(out.emplace_back())) {
+                return false;
+            }
+            skipSpace();
+        } while (take(','));
+        return take(']');
+    }
+
+    bool map(std::map<std::string, std::string>& out) {
+        return object([&](std::string_view key, bool null) {
+            if (null) {
+                return false;
+            }
+            const auto [entry, added] = out.try_emplace(std::string(key));
+            return added && string(entry->second);
+        });
+    }
+
+    // Reads an object, calling onMember(key, valueIsNull) with the text positioned at
+    // the member's value; unless the value is null, onMember reads it. The key is
+    // valid until the next member. onMember refuses a key given twice (the general
+    // reader keeps the last).
+    template <typename OnMember>
+    bool object(OnMember&& onMember) {
+        skipSpace();
+        if (!take('{')) {
+            return false;
+        }
+        skipSpace();
+        if (take('}')) {
+            return true;
+        }
+        do {
+            skipSpace();
+            std::string_view key;
+            if (!plainString(key)) {
+                return false;
+            }
+            skipSpace();
+            if (!take(':')) {
+                return false;
+            }
+            skipSpace();
+            const bool null = text_.substr(at_, 4) == "null";
+            if (null) {
+                at_ += 4;
+            }
+            if (!onMember(key, null)) {
+                return false;
+            }
+            skipSpace();
+        } while (take(','));
+        return take('}');
+    }
+
+    // A string of printable ASCII without escapes, as every key the writer writes;
+    // anything else is left to the general reader.
+    bool plainString(std::string_view& out) {
+        if (!take('"')) {
+            return false;
+        }
+        const std::size_t start = at_;
+        while (at_ < text_.size()) {
+            const auto byte = static_cast<unsigned char>(text_[at_]);
+            if (byte == '"') {
+                out = text_.substr(start, at_ - start);
+                ++at_;
+                return true;
+            }
+            if (byte == '\\' || byte < 0x20 || byte >= 0x80) {
+                return false;
+            }
+            ++at_;
+        }
+        return false;
+    }
+
+    // A string value with its escapes resolved; well-formed UTF-8 only.
+    bool string(std::string& out) {
+        if (!take('"')) {
+            return false;
+        }
+        out.clear();
+        while (at_ < text_.size()) {
+            const std::size_t start = at_;
+            while (at_ < text_.size()) {
+                const auto byte = static_cast<unsigned char>(text_[at_]);
+                if (byte == '"' || byte == '\\' || byte < 0x20 || byte >= 0x80) {
+                    break;
+                }
+                ++at_;
+            }
+            out.append(text_.substr(start, at_ - start));
+            if (at_ == text_.size()) {
+                return false;
+            }
+            const auto byte = static_cast<unsigned char>(text_[at_]);
+            if (byte == '"') {
+                ++at_;
+                return true;
+            }
+            if (byte < 0x20) {
+                return false;
+            }
+            if (byte >= 0x80) {
+                const std::size_t length = utf8SequenceLength(text_, at_);
+                if (length == 0) {
+                    return false;
+                }
+                out.append(text_.substr(at_, length));
+                at_ += length;
+                continue;
+            }
+            if (!escape(out)) {
+                return false;
+            }
+        }
+        return false;
+    }
+
+    bool escape(std::string& out) {
+        ++at_;  // the backslash
+        if (at_ == text_.size()) {
+            return false;
+        }
+        const char c = text_[at_++];
+        switch (c) {
+            case '"':
+                out += '"';
+                return true;
+            case '\\':
+                out += '\\';
+                return true;
+            case '/':
+                out += '/';
+                return true;
+            case 'b':
+                out += '\b';
+                return true;
+            case 'f':
+                out += '\f';
+                return true;
+            case 'n':
+                out += '\n';
+                return true;
+            case 'r':
+                out += '\r';
+                return true;
+            case 't':
+                out += '\t';
+                return true;
+            case 'u':
+                break;
+            default:
+                return false;
+        }
+        std::uint32_t code = 0;
+        if (!hex4(code)) {
+            return false;
+        }
+        if (code >= 0xD800 && code <= 0xDBFF) {
+            std::uint32_t low = 0;
+            if (text_.substr(at_, 2) != "\\u") {
+                return false;
+            }
+            at_ += 2;
+            if (!hex4(low) || low < 0xDC00 || low > 0xDFFF) {
+                return false;
+            }
+            code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+        } else if (code >= 0xDC00 && code <= 0xDFFF) {
+            return false;
+        }
+        if (code < 0x80) {
+            out += static_cast<char>(code);
+        } else if (code < 0x800) {
+            out += static_cast<char>(0xC0 | (code >> 6));
+            out += static_cast<char>(0x80 | (code & 0x3F));
+        } else if (code < 0x10000) {
+            out += static_cast<char>(0xE0 | (code >> 12));
+            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (code & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (code >> 18));
+            out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (code & 0x3F));
+        }
+        return true;
+    }
+
+    bool hex4(std::uint32_t& code) {
+        if (text_.size() - at_ < 4) {
+            return false;
+        }
+        for (int i = 0; i < 4; ++i) {
+            const char c = text_[at_++];
+            code <<= 4;
+            if (c >= '0' && c <= '9') {
+                code |= static_cast<std::uint32_t>(c - '0');
+            } else if (c >= 'a' && c <= 'f') {
+                code |= static_cast<std::uint32_t>(c - 'a' + 10);
+            } else if (c >= 'A' && c <= 'F') {
+                code |= static_cast<std::uint32_t>(c - 'A' + 10);
+            } else {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void skipSpace() {
+        while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' ||
+                                      text_[at_] == '\n' || text_[at_] == '\r')) {
+            ++at_;
+        }
+    }
+
+    bool take(char c) {
+        if (at_ < text_.size() && text_[at_] == c) {
+            ++at_;
+            return true;
+        }
+        return false;
+    }
+
+    std::string_view text_;
+    std::size_t at_ = 0;
+};
+
 }  // namespace
 
 std::string encodeJSON(const MergePreState& state) {
@@ -396,6 +823,18 @@ std::string encodeJSON(const MergePreState& state) {
 }
 
 std::optional<MergePreState> decodeMergePreState(std::string_view text) noexcept {
+    try {
+        MergePreState state;
+        if (SnapshotScanner(text).snapshot(state)) {
+            return state;
+        }
+    } catch (...) {
+        // Out of memory: the general reader decides.
+    }
+    return decodeMergePreStateInGeneral(text);
+}
+
+std::optional<MergePreState> decodeMergePreStateInGeneral(std::string_view text) noexcept {
     try {
         // The parser rejects ill-formed UTF-8 inside strings, so no separate check.
         const Json root = Json::parse(text.begin(), text.end(), nullptr,

@@ -86,6 +86,66 @@ TEST(MergePreStateCodec, DecodesAnyKeyOrderNullsAndOlderSnapshotsAndRejectsOther
     }
 }
 
+// The direct reader must answer exactly as the general JSON reader for every text:
+// the snapshots as written, other spellings of them, and every text one edit away.
+TEST(MergePreStateCodec, DirectReadingAgreesWithTheGeneralReader) {
+    MergePreState s;
+    s.priorActiveMemberships = {{"m1", "si/1", "p1", "confirmed", "why", "user", "t0"}};
+    s.priorClaimPersonID = {{"c1", "p1"}, {"c/2", "p2"}};
+    s.writtenMembershipIDs = {"m2", "m3"};
+    s.revokedDifferentConstraintIDs = {"d1"};
+    s.createdDifferentConstraintIDs = {"d2"};
+    s.membershipPreimages = {{"m1", "si/1", "p1", "confirmed", "a\tb\"\\", "user", "t0", none}};
+    s.membershipPostImages = {{"m1", "si/1", "p1", "ended", none, "user", "t0", "t1"}};
+    s.preExistingSurvivorClaimIDs = {"c9", "\xC2\x80", "\xF4\x8F\xBF\xBF"};
+    s.personPreimages = {{"p2", "Zoë", "auto", "capture/1", "p1"}};
+    s.personPostImages = {{"p1", none, "user_stated", none, none}};
+    s.claimOwnershipImages = {{"c1", "p2", "p1"}};
+    s.createdSameConstraintID = "k1";
+    s.captureAssociationImages = {{"o1", "p2", "p1", "ended", "t2"}};
+    s.followUpOwnershipImages = {{"f1", "p2", "p1"}};
+    s.openLoopOwnershipImages = {{"l1", "p2", "p1"}};
+    s.dispositionKeyImages = {{"p2|x", "p1|x", "p2", "p1"}};
+    const std::string written = encodeJSON(s);
+    ASSERT_EQ(decodeMergePreState(written), s);
+
+    std::vector<std::string> texts = {
+        written,
+        minimalWith(""),
+        " \t\r\n" + minimalWith(" ") + "\n",
+        "\xEF\xBB\xBF" + minimalWith(""),
+        minimalWith(R"(,"createdSameConstraintID":"a","createdSameConstraintID":"b")"),
+        minimalWith(R"(,"future":[1,true,{"x":-2.5e3}])"),
+        minimalWith(R"(,"createdSameConstraintID":"\u00e9\u4e2d\ud83d\ude00\u0000\/")"),
+        minimalWith(R"(,"createdSameConstraintID":"\ud83d")"),
+        minimalWith(R"(,"createdSameConstraintID":"\ude00")"),
+        minimalWith(R"(,"createdSameConstraintID":"\u12G4")"),
+        minimalWith(R"(,"createdSameConstraintID":1e999)"),
+        minimalWith(R"(,"claimOwnershipImages":[{"id":"c","preimagePersonID":"a",)"
+                    R"("postimagePersonID":"b","id":"d"}])"),
+        minimalWith(R"(,"claimOwnershipImages":[{"id":"c","preimagePersonID":"a",)"
+                    R"("postimagePersonID":"b","extra":null}])"),
+        R"({"priorActiveMemberships":[],"priorClaimPersonID":{"c":"a","c":"b"},)"
+        R"("writtenMembershipIDs":[]})",
+        R"({"priorActiveMemberships":[],"priorClaimPersonID":{"c\/1":"a"},)"
+        R"("writtenMembershipIDs":[]})",
+    };
+    // Every text one edit away from the snapshot as written.
+    const std::string replacements = std::string("\"\\{}[],: n0\x01\xC3\x80", 16);
+    for (std::size_t at = 0; at < written.size(); ++at) {
+        texts.push_back(written.substr(0, at));
+        texts.push_back(written.substr(0, at) + written.substr(at + 1));
+        for (const char c : replacements) {
+            std::string edited = written;
+            edited[at] = c;
+            texts.push_back(edited);
+        }
+    }
+    for (const std::string& text : texts) {
+        EXPECT_EQ(decodeMergePreState(text), decodeMergePreStateInGeneral(text)) << text;
+    }
+}
+
 TEST(MergePreStateCodec, EncodeRefusesMalformedUtf8AnywhereInTheSnapshot) {
     for (const std::string text :
          {"a\xC3(", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80"}) {
