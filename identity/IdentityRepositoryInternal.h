@@ -86,6 +86,16 @@ class ReadMemo {
 
     template <typename Read>
     Value get(store::Connection& db, const Key& key, Read&& read) {
+        if (const Value* known = find(db, key)) {
+            return *known;
+        }
+        Value value = read();
+        values_.emplace(key, value);
+        return value;
+    }
+
+    // The answer already read for the key, if any.
+    const Value* find(store::Connection& db, const Key& key) {
         bool stale = false;
         for (auto& [table, changes] : seen_) {
             if (const auto now = db.tableChanges(table); now != changes) {
@@ -96,12 +106,8 @@ class ReadMemo {
         if (stale) {
             values_.clear();
         }
-        if (const auto it = values_.find(key); it != values_.end()) {
-            return it->second;
-        }
-        Value value = read();
-        values_.emplace(key, value);
-        return value;
+        const auto it = values_.find(key);
+        return it == values_.end() ? nullptr : &it->second;
     }
 
   private:
@@ -139,6 +145,7 @@ struct OperationMemo {
     // The unordered head pairs of personPairEnds, smaller head first.
     std::optional<std::set<std::pair<std::string, std::string>>> personPairHeads;
 
+    ReadMemo<std::string, std::optional<PersonRow>> persons{"person"};
     ReadMemo<std::string, std::optional<SourceIdentityRow>> sourceIdentities{"source_identity"};
     ReadMemo<std::string, std::optional<IdentityMembershipRow>> activeMembershipOfIdentity{
         "identity_membership"};

@@ -176,7 +176,8 @@ std::optional<SourceIdentityRow> RepositoryCore::sourceIdentityRow(const std::st
 }
 
 std::optional<PersonRow> RepositoryCore::personRow(const std::string& id, store::Connection& db) {
-    return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson);
+    return memoisedRead(db, &OperationMemo::persons, id,
+                        [&] { return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson); });
 }
 
 std::optional<IdentityMembershipRow> RepositoryCore::activeMembershipRow(
@@ -387,6 +388,10 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
             exists = row.has_value();
             mergedInto = exists ? row->mergedIntoPersonID : std::nullopt;
             *headRow = std::move(row);
+        } else if (const std::optional<PersonRow>* known =
+                       memo != nullptr ? memo->persons.find(db, current) : nullptr) {
+            exists = known->has_value();
+            mergedInto = exists ? (*known)->mergedIntoPersonID : std::nullopt;
         } else {
             db.queryWhile(kSelectPerson, {current}, [&](const store::Row& row) {
                 exists = true;
