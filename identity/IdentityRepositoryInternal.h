@@ -72,6 +72,10 @@ inline constexpr int kAbsorptionChainHops = 20;
 
 class RepositoryCore;
 
+// The b ends of the live person-person "different" constraints, filed by the
+// absorption head of their a end.
+using PersonPairIndex = std::unordered_map<std::string, std::vector<std::string>>;
+
 // The answers of one kind of read by key, kept until the transaction writes one
 // of the tables the read depends on (as the connection's update hook counts
 // them).
@@ -142,8 +146,8 @@ struct OperationMemo {
         std::string id, a, b;
     };
     std::optional<std::vector<PersonPairRow>> personPairRows;
-    // The unordered head pairs of personPairEnds, smaller head first.
-    std::optional<std::set<std::pair<std::string, std::string>>> personPairHeads;
+    // personPairEnds filed by the head of their a end.
+    std::optional<PersonPairIndex> personPairsByHeadOfA;
 
     ReadMemo<std::string, std::optional<PersonRow>> persons{"person"};
     ReadMemo<std::string, std::optional<SourceIdentityRow>> sourceIdentities{"source_identity"};
@@ -188,10 +192,16 @@ Value memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*w
     return (memo->*which).get(db, key, std::forward<Read>(read));
 }
 
+// Files each (a_id, b_id) under the head of a_id. Resolves every a end, none of
+// the b ends.
+PersonPairIndex indexByHeadOfA(const std::vector<std::pair<std::string, std::string>>& ends,
+                               RepositoryCore& core, store::Connection& db);
+
 // Answers hasDifferentConstraint for pairs of persons, many times within one
-// transaction: the live person-person constraints are scanned and their heads
-// resolved once, on first use. Only valid while nothing writes constraints or
-// persons, as in a read that checks many rows.
+// transaction: the live person-person constraints are scanned and the heads of
+// their a ends resolved once, on first use; a b end is resolved when a test
+// needs it. Only valid while nothing writes constraints or persons, as in a read
+// that checks many rows.
 class PersonDifferenceIndex {
   public:
     PersonDifferenceIndex(RepositoryCore& core, store::Connection& db) : core_(core), db_(db) {}
@@ -200,7 +210,7 @@ class PersonDifferenceIndex {
   private:
     RepositoryCore& core_;
     store::Connection& db_;
-    std::optional<std::set<std::pair<std::string, std::string>>> headPairs_;
+    std::optional<PersonPairIndex> index_;
 };
 
 class RepositoryCore {

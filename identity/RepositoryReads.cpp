@@ -286,14 +286,14 @@ OperationMemo* OperationMemo::of(store::Connection& db) {
     if (const auto changes = db.tableChanges("person"); changes != memo.personChanges_) {
         memo.personChanges_ = changes;
         memo.heads.clear();
-        memo.personPairHeads.reset();
+        memo.personPairsByHeadOfA.reset();
     }
     if (const auto changes = db.tableChanges("identity_constraint");
         changes != memo.constraintChanges_) {
         memo.constraintChanges_ = changes;
         memo.personPairEnds.reset();
         memo.personPairRows.reset();
-        memo.personPairHeads.reset();
+        memo.personPairsByHeadOfA.reset();
     }
     return &memo;
 }
@@ -336,20 +336,20 @@ void OperationMemo::personAbsorbed(store::Connection& db, const std::string& sur
             ++entry;
         }
     }
-    if (personPairHeads) {
-        personPairHeads.reset();
+    // The index moves the constraints filed under the absorbed person to the
+    // survivor; rebuilt from the ends, as every a end's head is known.
+    if (personPairsByHeadOfA) {
+        personPairsByHeadOfA.reset();
         if (personPairEnds) {
-            std::set<std::pair<std::string, std::string>> pairs;
+            PersonPairIndex index;
             for (const auto& [a, b] : *personPairEnds) {
                 const auto x = heads.find(a);
-                const auto y = heads.find(b);
-                if (x == heads.end() || y == heads.end()) {
+                if (x == heads.end()) {
                     return;
                 }
-                pairs.emplace(std::min(x->second.id, y->second.id),
-                              std::max(x->second.id, y->second.id));
+                index[x->second.id].push_back(b);
             }
-            personPairHeads = std::move(pairs);
+            personPairsByHeadOfA = std::move(index);
         }
     }
 }
