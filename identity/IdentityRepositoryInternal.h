@@ -7,12 +7,14 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -70,17 +72,73 @@ inline constexpr int kAbsorptionChainHops = 20;
 
 class RepositoryCore;
 
+// The b ends of the live person-person "different" constraints, filed by the
+// absorption head of their a end.
+using PersonPairIndex = std::unordered_map<std::string, std::vector<std::string>>;
+
+// The answers of one kind of read by key, kept until the transaction writes one
+// of the tables the read depends on (as the connection's update hook counts
+// them).
+template <typename Key, typename Value>
+class ReadMemo {
+  public:
+    ReadMemo(std::initializer_list<std::string_view> tables) {
+        for (const auto table : tables) {
+            seen_.emplace_back(table, 0);
+        }
+    }
+
+    template <typename Read>
+    Value get(store::Connection& db, const Key& key, Read&& read) {
+        if (const Value* known = find(db, key)) {
+            return *known;
+        }
+        Value value = read();
+        values_.emplace(key, value);
+        return value;
+    }
+
+    // The answer already read for the key, if any.
+    const Value* find(store::Connection& db, const Key& key) {
+        bool stale = false;
+        for (auto& [table, changes] : seen_) {
+            if (const auto now = db.tableChanges(table); now != changes) {
+                changes = now;
+                stale = true;
+            }
+        }
+        if (stale) {
+            values_.clear();
+        }
+        const auto it = values_.find(key);
+        return it == values_.end() ? nullptr : &it->second;
+    }
+
+  private:
+    std::vector<std::pair<std::string_view, std::uint64_t>> seen_;
+    std::map<Key, Value> values_;
+};
+
 // What one operation has already read, so that it reads each row once: absorption
-// heads and the scans of live person-person constraints. Lives on the connection
-// for one transaction (store::Connection::transactionMemo) and is dropped when it
-// ends; an entry is forgotten as soon as the transaction writes the table it came
-// from.
+// heads, the scans of live person-person constraints, and single rows the cores
+// ask for again. Lives on the connection for one transaction
+// (store::Connection::transactionMemo) and is dropped when it ends; an entry is
+// forgotten as soon as the transaction writes the table it came from, except
+// where the writer tells the memo what it wrote (personAbsorbed, unrelatedWrite).
 struct OperationMemo {
     // The memo of the connection's current transaction, cleared of whatever the
     // transaction has written since; null outside a transaction.
     static OperationMemo* of(store::Connection& db);
 
-    std::unordered_map<std::string, std::string> heads;
+    // Where the walk from a person ends: its head, the hops taken, and whether
+    // the walk was cut off at the hop limit instead of reaching a person that was
+    // not absorbed (or does not exist).
+    struct Head {
+        std::string id;
+        int hops = 0;
+        bool cut = false;
+    };
+    std::unordered_map<std::string, Head> heads;
     // (a_id, b_id) of the live person-person constraints.
     std::optional<std::vector<std::pair<std::string, std::string>>> personPairEnds;
     // (id, a_id, b_id) of the same rows.
@@ -88,18 +146,62 @@ struct OperationMemo {
         std::string id, a, b;
     };
     std::optional<std::vector<PersonPairRow>> personPairRows;
-    // The unordered head pairs of personPairEnds, smaller head first.
-    std::optional<std::set<std::pair<std::string, std::string>>> personPairHeads;
+    // personPairEnds filed by the head of their a end.
+    std::optional<PersonPairIndex> personPairsByHeadOfA;
+
+    ReadMemo<std::string, std::optional<PersonRow>> persons{"person"};
+    ReadMemo<std::string, std::optional<SourceIdentityRow>> sourceIdentities{"source_identity"};
+    ReadMemo<std::string, std::optional<IdentityMembershipRow>> activeMembershipOfIdentity{
+        "identity_membership"};
+    ReadMemo<std::string, std::vector<IdentityMembershipRow>> activeMembershipsOfPerson{
+        "identity_membership"};
+    ReadMemo<std::string, std::optional<MergeEventRow>> mergeEvents{"merge_event"};
+    ReadMemo<int, std::string> ownerPerson{"owner_ego"};
+    // Owner tests by (source type, handle) and by person.
+    ReadMemo<std::pair<std::string, std::string>, bool> ownerIdentities{
+        "owner_alias", "source_account", "owner_ego", "source_identity", "identity_membership"};
+    ReadMemo<std::string, bool> ownerPersons{"owner_alias", "source_account", "owner_ego",
+                                             "source_identity", "identity_membership"};
+
+    // Call right after the transaction's own "UPDATE person SET
+    // merged_into_person_id = survivor WHERE id = absorbed", with the memo taken
+    // (of) right before it: the heads and head pairs are carried over to the new
+    // chains instead of being forgotten. Anything else written in between, or a
+    // survivor whose own head is not known, makes it forget as before.
+    void personAbsorbed(store::Connection& db, const std::string& survivor,
+                        const std::string& absorbed);
+    // Call right after one write to `table` that changes nothing the memo
+    // answers (a new person under a fresh identifier, a 'same' constraint), with
+    // the memo taken right before it.
+    void unrelatedWrite(store::Connection& db, std::string_view table);
 
   private:
     std::uint64_t personChanges_ = 0;
     std::uint64_t constraintChanges_ = 0;
 };
 
+// The memoised answer of `which` for `key` within the current transaction;
+// outside one, `read` runs every time.
+template <typename Key, typename Value, typename Read>
+Value memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*which,
+                   const Key& key, Read&& read) {
+    OperationMemo* memo = OperationMemo::of(db);
+    if (memo == nullptr) {
+        return read();
+    }
+    return (memo->*which).get(db, key, std::forward<Read>(read));
+}
+
+// Files each (a_id, b_id) under the head of a_id. Resolves every a end, none of
+// the b ends.
+PersonPairIndex indexByHeadOfA(const std::vector<std::pair<std::string, std::string>>& ends,
+                               RepositoryCore& core, store::Connection& db);
+
 // Answers hasDifferentConstraint for pairs of persons, many times within one
-// transaction: the live person-person constraints are scanned and their heads
-// resolved once, on first use. Only valid while nothing writes constraints or
-// persons, as in a read that checks many rows.
+// transaction: the live person-person constraints are scanned and the heads of
+// their a ends resolved once, on first use; a b end is resolved when a test
+// needs it. Only valid while nothing writes constraints or persons, as in a read
+// that checks many rows.
 class PersonDifferenceIndex {
   public:
     PersonDifferenceIndex(RepositoryCore& core, store::Connection& db) : core_(core), db_(db) {}
@@ -108,7 +210,7 @@ class PersonDifferenceIndex {
   private:
     RepositoryCore& core_;
     store::Connection& db_;
-    std::optional<std::set<std::pair<std::string, std::string>>> headPairs_;
+    std::optional<PersonPairIndex> index_;
 };
 
 class RepositoryCore {
@@ -139,6 +241,10 @@ class RepositoryCore {
                                                          store::Connection& db);
 
     // --- Owner tests -----------------------------------------------------------
+
+    // The user's own person (OwnerEgoProjection.personID), read once per
+    // transaction until owner_ego is written.
+    std::string ownerPersonID(store::Connection& db);
 
     // The handle is a registered alias, a connected account, or the handle of an
     // active member of the user's own person.

@@ -58,30 +58,36 @@ bool samePair(const std::string& x1, const std::string& y1, const std::string& x
     return (x1 == x2 && y1 == y2) || (x1 == y2 && y1 == x2);
 }
 
-// Absorption heads resolved once per person within one scan: a person named by
-// many constraints is walked once, and nothing changes during the scan.
-class HeadCache {
-  public:
-    HeadCache(RepositoryCore& core, store::Connection& db) : core_(core), db_(db) {}
-    const std::string& of(const std::string& personID) {
-        auto it = heads_.find(personID);
-        if (it == heads_.end()) {
-            it = heads_.emplace(personID, core_.absorptionChainHead(personID, db_)).first;
-        }
-        return it->second;
-    }
-
-  private:
-    RepositoryCore& core_;
-    store::Connection& db_;
-    std::unordered_map<std::string, std::string> heads_;
-};
-
 bool contains(const std::vector<std::string>& list, const std::string& value) {
     return std::find(list.begin(), list.end(), value) != list.end();
 }
 
+// Whether a constraint whose a end resolves to `head` has its b end resolve to
+// `other`. Only those b ends are resolved.
+bool pairedThrough(const PersonPairIndex& index, const std::string& head, const std::string& other,
+                   RepositoryCore& core, store::Connection& db) {
+    const auto it = index.find(head);
+    if (it == index.end()) {
+        return false;
+    }
+    for (const auto& bEnd : it->second) {
+        if (core.absorptionChainHead(bEnd, db) == other) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
+
+PersonPairIndex indexByHeadOfA(const std::vector<std::pair<std::string, std::string>>& ends,
+                               RepositoryCore& core, store::Connection& db) {
+    PersonPairIndex index;
+    for (const auto& [a, b] : ends) {
+        index[core.absorptionChainHead(a, db)].push_back(b);
+    }
+    return index;
+}
 
 bool PersonDifferenceIndex::differ(const std::string& personA, const std::string& personB) {
     const std::string headA = core_.absorptionChainHead(personA, db_);
@@ -89,19 +95,19 @@ bool PersonDifferenceIndex::differ(const std::string& personA, const std::string
     if (headA == headB) {
         return false;
     }
-    if (!headPairs_) {
+    // Inside a transaction the operation's memo keeps the same index.
+    if (OperationMemo::of(db_) != nullptr) {
+        return core_.hasDifferentConstraint(ConstraintSubjectType::person, headA,
+                                            ConstraintSubjectType::person, headB, db_);
+    }
+    if (!index_) {
         std::vector<std::pair<std::string, std::string>> ends;
         db_.query(kLivePersonPairEnds, {},
                   [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
-        HeadCache heads(core_, db_);
-        headPairs_.emplace();
-        for (const auto& [a, b] : ends) {
-            const auto& x = heads.of(a);
-            const auto& y = heads.of(b);
-            headPairs_->emplace(std::min(x, y), std::max(x, y));
-        }
+        index_ = indexByHeadOfA(ends, core_, db_);
     }
-    return headPairs_->count({std::min(headA, headB), std::max(headA, headB)}) > 0;
+    return pairedThrough(*index_, headA, headB, core_, db_) ||
+           pairedThrough(*index_, headB, headA, core_, db_);
 }
 
 bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const std::string& aID,
@@ -116,38 +122,28 @@ bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const s
         return false;
     }
     OperationMemo* memo = OperationMemo::of(db);
-    if (memo != nullptr && memo->personPairHeads) {
-        return memo->personPairHeads->count({std::min(headA, headB), std::max(headA, headB)}) > 0;
-    }
-    std::vector<std::pair<std::string, std::string>> ends;
-    if (memo != nullptr && memo->personPairEnds) {
-        ends = *memo->personPairEnds;
-    } else {
-        db.query(kLivePersonPairEnds, {},
-                 [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
-    }
-    // Heads are resolved after the scan so that no statement runs inside its row loop.
-    HeadCache heads(*this, db);
     if (memo == nullptr) {
-        for (const auto& [a, b] : ends) {
-            if (samePair(heads.of(a), heads.of(b), headA, headB)) {
-                return true;
-            }
+        PersonDifferenceIndex index(*this, db);
+        return index.differ(headA, headB);
+    }
+    if (!memo->personPairsByHeadOfA) {
+        if (!memo->personPairEnds) {
+            std::vector<std::pair<std::string, std::string>> ends;
+            db.query(kLivePersonPairEnds, {},
+                     [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
+            memo->personPairEnds = std::move(ends);
         }
-        return false;
+        // Heads are resolved after the scan so that no statement runs inside its
+        // row loop.
+        auto index = indexByHeadOfA(*memo->personPairEnds, *this, db);
+        memo = OperationMemo::of(db);
+        memo->personPairsByHeadOfA = std::move(index);
     }
-    // Within an operation the whole set of head pairs is kept: the next test of
-    // any two persons is a lookup until persons or constraints are written.
-    std::set<std::pair<std::string, std::string>> headPairs;
-    for (const auto& [a, b] : ends) {
-        const auto& x = heads.of(a);
-        const auto& y = heads.of(b);
-        headPairs.emplace(std::min(x, y), std::max(x, y));
-    }
-    memo = OperationMemo::of(db);
-    memo->personPairEnds = std::move(ends);
-    memo->personPairHeads = std::move(headPairs);
-    return memo->personPairHeads->count({std::min(headA, headB), std::max(headA, headB)}) > 0;
+    // Within an operation the index is kept: the next test of any two persons
+    // resolves only the b ends filed under their heads, until persons or
+    // constraints are written.
+    return pairedThrough(*memo->personPairsByHeadOfA, headA, headB, *this, db) ||
+           pairedThrough(*memo->personPairsByHeadOfA, headB, headA, *this, db);
 }
 
 std::vector<RepositoryCore::ConstraintRef> RepositoryCore::liveDifferentConstraintRows(
@@ -194,10 +190,11 @@ std::vector<std::string> RepositoryCore::livePersonPairDifferentConstraintIDs(
             }
         }
     }
+    // A b end is resolved only when the a end matched one of the heads.
     std::vector<std::string> ids;
-    HeadCache heads(*this, db);
     for (const auto& c : candidates) {
-        if (samePair(heads.of(c.a), heads.of(c.b), headA, headB)) {
+        const std::string x = absorptionChainHead(c.a, db);
+        if ((x == headA || x == headB) && samePair(x, absorptionChainHead(c.b, db), headA, headB)) {
             ids.push_back(c.id);
         }
     }

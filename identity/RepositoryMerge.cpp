@@ -209,9 +209,18 @@ schema::ProposeMergeResponse RepositoryCore::proposeMergeCore(
     snapshot.followUpOwnershipImages = std::move(followUps.followUps);
     snapshot.openLoopOwnershipImages = std::move(followUps.openLoops);
     snapshot.dispositionKeyImages = std::move(followUps.dispositionKeys);
+    // The memo follows the absorption and the 'same' constraint instead of
+    // forgetting every head: a batch of links resolves the constraints' heads once.
+    OperationMemo* memo = OperationMemo::of(db);
     db.run(kMarkAbsorbed, {a, b});
+    if (memo != nullptr) {
+        memo->personAbsorbed(db, a, b);
+    }
     const std::string sameID = newIdentifier();
     db.run(kInsertSameConstraint, {sameID, a, b, now});
+    if (memo != nullptr) {
+        memo->unrelatedWrite(db, "identity_constraint");
+    }
     snapshot.createdSameConstraintID = sameID;
 
     snapshot.membershipPostImages = membershipRowImages(memberIDs, db);

@@ -170,30 +170,39 @@ RepositoryCore::RepositoryCore(host::HostServices services) : services_(std::mov
 
 std::optional<SourceIdentityRow> RepositoryCore::sourceIdentityRow(const std::string& id,
                                                                    store::Connection& db) {
-    return firstRow<SourceIdentityRow>(db, kSelectSourceIdentity, {id}, decodeSourceIdentity);
+    return memoisedRead(db, &OperationMemo::sourceIdentities, id, [&] {
+        return firstRow<SourceIdentityRow>(db, kSelectSourceIdentity, {id}, decodeSourceIdentity);
+    });
 }
 
 std::optional<PersonRow> RepositoryCore::personRow(const std::string& id, store::Connection& db) {
-    return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson);
+    return memoisedRead(db, &OperationMemo::persons, id,
+                        [&] { return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson); });
 }
 
 std::optional<IdentityMembershipRow> RepositoryCore::activeMembershipRow(
     const std::string& sourceIdentityID, store::Connection& db) {
-    return firstRow<IdentityMembershipRow>(db, kSelectActiveMembershipOfIdentity,
-                                           {sourceIdentityID}, decodeMembership);
+    return memoisedRead(db, &OperationMemo::activeMembershipOfIdentity, sourceIdentityID, [&] {
+        return firstRow<IdentityMembershipRow>(db, kSelectActiveMembershipOfIdentity,
+                                               {sourceIdentityID}, decodeMembership);
+    });
 }
 
 std::vector<IdentityMembershipRow> RepositoryCore::activeMembershipRows(const std::string& personID,
                                                                         store::Connection& db) {
-    std::vector<IdentityMembershipRow> rows;
-    db.query(kSelectActiveMembershipsOfPerson, {personID},
-             [&](const store::Row& row) { rows.push_back(decodeMembership(row)); });
-    return rows;
+    return memoisedRead(db, &OperationMemo::activeMembershipsOfPerson, personID, [&] {
+        std::vector<IdentityMembershipRow> rows;
+        db.query(kSelectActiveMembershipsOfPerson, {personID},
+                 [&](const store::Row& row) { rows.push_back(decodeMembership(row)); });
+        return rows;
+    });
 }
 
 std::optional<MergeEventRow> RepositoryCore::mergeEventRow(const std::string& id,
                                                            store::Connection& db) {
-    return firstRow<MergeEventRow>(db, kSelectMergeEvent, {id}, decodeMergeEvent);
+    return memoisedRead(db, &OperationMemo::mergeEvents, id, [&] {
+        return firstRow<MergeEventRow>(db, kSelectMergeEvent, {id}, decodeMergeEvent);
+    });
 }
 
 std::optional<MergeEventRow> RepositoryCore::latestUndoableMergeEventRow(
@@ -221,30 +230,39 @@ std::optional<ResolvedPerson> RepositoryCore::resolveCanonicalPerson(
     };
 }
 
+std::string RepositoryCore::ownerPersonID(store::Connection& db) {
+    return memoisedRead(db, &OperationMemo::ownerPerson, 0,
+                        [&] { return services_.ownerEgo->personID(db); });
+}
+
 bool RepositoryCore::isOwnerIdentity(const std::string& sourceType,
                                      const std::string& handleNormalized, store::Connection& db) {
-    if (services_.ownerAliases->isAlias(db, sourceType, handleNormalized)) {
-        return true;
-    }
-    if (db.scalarFlag(kIsConnectedAccount, {sourceType, handleNormalized})) {
-        return true;
-    }
-    return db.scalarFlag(kIsOwnerPersonMember,
-                         {sourceType, handleNormalized, services_.ownerEgo->personID(db)});
+    return memoisedRead(db, &OperationMemo::ownerIdentities, {sourceType, handleNormalized}, [&] {
+        if (services_.ownerAliases->isAlias(db, sourceType, handleNormalized)) {
+            return true;
+        }
+        if (db.scalarFlag(kIsConnectedAccount, {sourceType, handleNormalized})) {
+            return true;
+        }
+        return db.scalarFlag(kIsOwnerPersonMember,
+                             {sourceType, handleNormalized, ownerPersonID(db)});
+    });
 }
 
 bool RepositoryCore::personContainsOwnerIdentity(const std::string& personID,
                                                  store::Connection& db) {
-    if (personID == services_.ownerEgo->personID(db)) {
-        return true;
-    }
-    for (const auto& membership : activeMembershipRows(personID, db)) {
-        const auto identity = sourceIdentityRow(membership.sourceIdentityID, db);
-        if (identity && isOwnerIdentity(identity->sourceType, identity->handleNormalized, db)) {
+    return memoisedRead(db, &OperationMemo::ownerPersons, personID, [&] {
+        if (personID == ownerPersonID(db)) {
             return true;
         }
-    }
-    return false;
+        for (const auto& membership : activeMembershipRows(personID, db)) {
+            const auto identity = sourceIdentityRow(membership.sourceIdentityID, db);
+            if (identity && isOwnerIdentity(identity->sourceType, identity->handleNormalized, db)) {
+                return true;
+            }
+        }
+        return false;
+    });
 }
 
 bool RepositoryCore::hasOwnerAliasExclusion(const std::string& personID, store::Connection& db) {
@@ -268,16 +286,72 @@ OperationMemo* OperationMemo::of(store::Connection& db) {
     if (const auto changes = db.tableChanges("person"); changes != memo.personChanges_) {
         memo.personChanges_ = changes;
         memo.heads.clear();
-        memo.personPairHeads.reset();
+        memo.personPairsByHeadOfA.reset();
     }
     if (const auto changes = db.tableChanges("identity_constraint");
         changes != memo.constraintChanges_) {
         memo.constraintChanges_ = changes;
         memo.personPairEnds.reset();
         memo.personPairRows.reset();
-        memo.personPairHeads.reset();
+        memo.personPairsByHeadOfA.reset();
     }
     return &memo;
+}
+
+void OperationMemo::unrelatedWrite(store::Connection& db, std::string_view table) {
+    std::uint64_t& seen = table == "person" ? personChanges_ : constraintChanges_;
+    if (db.tableChanges(table) == seen + 1) {
+        ++seen;
+    }
+}
+
+void OperationMemo::personAbsorbed(store::Connection& db, const std::string& survivor,
+                                   const std::string& absorbed) {
+    if (db.tableChanges("person") != personChanges_ + 1 ||
+        db.tableChanges("identity_constraint") != constraintChanges_) {
+        return;  // of() forgets on the next use.
+    }
+    // Only a head known to the memo can be carried over: had the absorbed person
+    // been absorbed already, walks that went through it would change too.
+    if (const auto it = heads.find(absorbed);
+        it == heads.end() || it->second.id != absorbed || it->second.hops != 0) {
+        return;
+    }
+    ++personChanges_;
+    const auto it = heads.find(survivor);
+    const bool survivorIsHead =
+        it != heads.end() && it->second.id == survivor && it->second.hops == 0;
+    // A walk that ended at the absorbed person by itself now takes one more hop,
+    // to the survivor, where it ends (or is cut off, on the last hop allowed). A
+    // walk cut off at the absorbed person is unchanged.
+    for (auto entry = heads.begin(); entry != heads.end();) {
+        Head& head = entry->second;
+        if (head.id != absorbed || head.cut) {
+            ++entry;
+        } else if (!survivorIsHead) {
+            entry = heads.erase(entry);
+        } else {
+            head.id = survivor;
+            head.cut = ++head.hops == kAbsorptionChainHops;
+            ++entry;
+        }
+    }
+    // The index moves the constraints filed under the absorbed person to the
+    // survivor; rebuilt from the ends, as every a end's head is known.
+    if (personPairsByHeadOfA) {
+        personPairsByHeadOfA.reset();
+        if (personPairEnds) {
+            PersonPairIndex index;
+            for (const auto& [a, b] : *personPairEnds) {
+                const auto x = heads.find(a);
+                if (x == heads.end()) {
+                    return;
+                }
+                index[x->second.id].push_back(b);
+            }
+            personPairsByHeadOfA = std::move(index);
+        }
+    }
 }
 
 std::string RepositoryCore::absorptionChainHead(const std::string& personID,
@@ -300,7 +374,7 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
     OperationMemo* memo = OperationMemo::of(db);
     if (memo != nullptr) {
         if (const auto it = memo->heads.find(personID); it != memo->heads.end()) {
-            return it->second;
+            return it->second.id;
         }
     }
     std::vector<std::string> walked;
@@ -314,6 +388,10 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
             exists = row.has_value();
             mergedInto = exists ? row->mergedIntoPersonID : std::nullopt;
             *headRow = std::move(row);
+        } else if (const std::optional<PersonRow>* known =
+                       memo != nullptr ? memo->persons.find(db, current) : nullptr) {
+            exists = known->has_value();
+            mergedInto = exists ? (*known)->mergedIntoPersonID : std::nullopt;
         } else {
             db.queryWhile(kSelectPerson, {current}, [&](const store::Row& row) {
                 exists = true;
@@ -325,10 +403,12 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
             // The walk ended by itself: every person on it has this head (each is
             // fewer hops from it than the start).
             if (memo != nullptr) {
-                for (auto& id : walked) {
-                    memo->heads.emplace(std::move(id), current);
+                const int hops = static_cast<int>(walked.size());
+                for (int i = 0; i < hops; ++i) {
+                    memo->heads.emplace(std::move(walked[i]),
+                                        OperationMemo::Head{.id = current, .hops = hops - i});
                 }
-                memo->heads.emplace(current, current);
+                memo->heads.emplace(current, OperationMemo::Head{.id = current});
             }
             return current;
         }
@@ -338,7 +418,9 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
             // Cut off at the hop limit: only the start's answer is known, and the
             // row reached was not read.
             if (memo != nullptr) {
-                memo->heads.emplace(personID, current);
+                memo->heads.emplace(
+                    personID,
+                    OperationMemo::Head{.id = current, .hops = kAbsorptionChainHops, .cut = true});
             }
             if (headRow != nullptr) {
                 headRow->reset();
@@ -358,7 +440,12 @@ std::vector<std::string> RepositoryCore::claimIDs(const std::string& personID,
 
 std::string RepositoryCore::createPersonRow(store::Connection& db) {
     std::string id = newIdentifier();
+    OperationMemo* memo = OperationMemo::of(db);
     db.run(kInsertStubPerson, {id, currentTimestamp()});
+    // A person under a fresh identifier is no one's head yet.
+    if (memo != nullptr) {
+        memo->unrelatedWrite(db, "person");
+    }
     return id;
 }
 

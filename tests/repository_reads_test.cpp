@@ -88,6 +88,129 @@ TEST_P(RepositoryReads, ChainHeadStopsAtMissingPersonsCyclesAndTwentyHops) {
     });
 }
 
+// Within one write transaction the memo keeps absorption heads across the
+// transaction's own absorptions. Every answer it gives must equal a fresh walk,
+// also for walks that reach the absorbed person at or near the hop limit.
+TEST_P(RepositoryReads, MemoisedHeadsFollowTheTransactionsOwnAbsorptions) {
+    // c0 -> c1 -> ... -> c24 -> b; s, t and u are heads.
+    db_.addPerson("b");
+    for (int i = 0; i < 25; ++i) {
+        db_.addPerson("c" + std::to_string(i), i == 24 ? "b" : "c" + std::to_string(i + 1));
+    }
+    for (const auto* id : {"s", "t", "u", "unrelated"}) {
+        db_.addPerson(id);
+    }
+    db_.addDifferent("d1", "person", "c10", "person", "u");
+    db_.addDifferent("d2", "person", "b", "person", "t");
+    db_.addDifferent("d3", "person", "s", "person", "c3");
+
+    std::vector<std::string> persons{"b", "s", "t", "u", "nobody"};
+    for (int i = 0; i < 25; ++i) {
+        persons.push_back("c" + std::to_string(i));
+    }
+    using Answers = std::vector<std::string>;
+    auto answers = [&](store::Connection& c) {
+        Answers out;
+        for (const auto& p : persons) {
+            out.push_back(core_.absorptionChainHead(p, c));
+        }
+        for (const auto& p : persons) {
+            for (const auto* other : {"u", "t", "c3"}) {
+                out.push_back(p + "~" + other + ":" +
+                              (core_.hasDifferentConstraint(ConstraintSubjectType::person, p,
+                                                            ConstraintSubjectType::person, other, c)
+                                   ? "different"
+                                   : "-"));
+            }
+        }
+        return out;
+    };
+    auto absorb = [&](store::Connection& c, const std::string& survivor,
+                      const std::string& absorbed) {
+        internal::OperationMemo* memo = internal::OperationMemo::of(c);
+        c.run("UPDATE person SET merged_into_person_id = ? WHERE id = ?", {survivor, absorbed});
+        memo->personAbsorbed(c, survivor, absorbed);
+    };
+    // Any other write to person makes the memo forget, so the next answers are
+    // fresh walks.
+    auto forget = [](store::Connection& c) {
+        c.run("UPDATE person SET display_name = display_name WHERE id = 'unrelated'");
+    };
+
+    // Fills the memo, absorbs each (survivor, absorbed) in turn, and checks the
+    // memo's answers against fresh walks.
+    auto absorbAndCompare = [&](store::Connection& c,
+                                std::vector<std::pair<std::string, std::string>> absorptions) {
+        (void)answers(c);
+        for (const auto& [survivor, absorbed] : absorptions) {
+            absorb(c, survivor, absorbed);
+        }
+        const auto memoised = answers(c);
+        forget(c);
+        EXPECT_EQ(memoised, answers(c));
+    };
+
+    struct RollBack {};
+    EXPECT_THROW(db_.pool().write([&](store::Connection& c) {
+        absorbAndCompare(c, {{"s", "b"}});
+        // c6 reached b on its 19th hop and is now cut off at s on its 20th; c5
+        // stays cut off at b.
+        EXPECT_EQ(core_.absorptionChainHead("c6", c), "s");
+        EXPECT_EQ(core_.absorptionChainHead("c5", c), "b");
+        throw RollBack{};
+    }),
+                 RollBack);
+
+    db_.pool().write([&](store::Connection& c) {
+        // Two absorptions in a row, as in a batch of links.
+        absorbAndCompare(c, {{"s", "b"}, {"t", "s"}});
+        EXPECT_EQ(core_.absorptionChainHead("c6", c), "s");
+        EXPECT_EQ(core_.absorptionChainHead("c7", c), "t");
+
+        // Absorbing a person the memo never walked: it forgets instead.
+        forget(c);
+        absorb(c, "u", "t");
+        EXPECT_EQ(core_.absorptionChainHead("b", c), "u");
+        EXPECT_FALSE(core_.hasDifferentConstraint(ConstraintSubjectType::person, "c10",
+                                                  ConstraintSubjectType::person, "u", c));
+        return 0;
+    });
+}
+
+// Rows read once per transaction are read again after a write to any table
+// they depend on.
+TEST_P(RepositoryReads, MemoisedReadsAnswerAnewAfterTheTransactionWritesTheirTables) {
+    db_.addPerson("me");
+    db_.addPerson("p");
+    db_.addIdentity("si", "gmail", "a@example.com");
+    db_.addMembership("m", "si", "p");
+    db_.pool().write([&](store::Connection& c) {
+        EXPECT_FALSE(core_.isOwnerIdentity("gmail", "a@example.com", c));
+        EXPECT_FALSE(core_.personContainsOwnerIdentity("p", c));
+        EXPECT_EQ(core_.ownerPersonID(c), "");
+        c.run("INSERT INTO owner_ego (person_id) VALUES ('me')");
+        EXPECT_EQ(core_.ownerPersonID(c), "me");
+        c.run("UPDATE identity_membership SET canonical_person_id = 'me'");
+        EXPECT_TRUE(core_.isOwnerIdentity("gmail", "a@example.com", c));
+        EXPECT_FALSE(core_.personContainsOwnerIdentity("p", c));  // no members any more
+        EXPECT_EQ(core_.activeMembershipRow("si", c)->canonicalPersonID, "me");
+        EXPECT_EQ(core_.activeMembershipRows("me", c).size(), 1U);
+
+        c.run("UPDATE identity_membership SET ended_at = '2024-01-01T00:00:00Z'");
+        EXPECT_FALSE(core_.activeMembershipRow("si", c));
+        EXPECT_TRUE(core_.activeMembershipRows("me", c).empty());
+        EXPECT_FALSE(core_.isOwnerIdentity("gmail", "a@example.com", c));
+
+        c.run(
+            "INSERT INTO owner_alias (source_type, handle_normalized) VALUES ('gmail', "
+            "'a@example.com')");
+        EXPECT_TRUE(core_.isOwnerIdentity("gmail", "a@example.com", c));
+        c.run("UPDATE source_identity SET display_name = 'Ann' WHERE id = 'si'");
+        EXPECT_EQ(core_.sourceIdentityRow("si", c)->displayName, "Ann");
+        return 0;
+    });
+}
+
 TEST_P(RepositoryReads, OwnerIdentityByAliasAccountOrOwnPersonMembership) {
     db_.addPerson("me");
     db_.addPerson("friend");
