@@ -131,7 +131,8 @@ TEST(MergePreStateCodec, DirectReadingAgreesWithTheGeneralReader) {
         R"("writtenMembershipIDs":[]})",
     };
     // Every text one edit away from the snapshot as written.
-    const std::string replacements = std::string("\"\\{}[],: n0\x01\xC3\x80", 16);
+    static constexpr char kReplacements[] = "\"\\{}[],: n0\x01\xC3\x80";
+    const std::string replacements(kReplacements, sizeof kReplacements - 1);
     for (std::size_t at = 0; at < written.size(); ++at) {
         texts.push_back(written.substr(0, at));
         texts.push_back(written.substr(0, at) + written.substr(at + 1));
