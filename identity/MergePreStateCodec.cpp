@@ -187,6 +187,20 @@ class SnapshotWriter {
         static constexpr std::string_view shortEscapes = "\"\\/bfnrt";
         out_ += '"';
         for (std::size_t i = 0; i < text.size();) {
+            // A run of bytes written as they are, appended at once.
+            std::size_t plain = i;
+            while (plain < text.size()) {
+                const auto byte = static_cast<unsigned char>(text[plain]);
+                if (byte < 0x20 || byte >= 0x80 || byte == '"' || byte == '\\' || byte == '/') {
+                    break;
+                }
+                ++plain;
+            }
+            out_.append(text.substr(i, plain - i));
+            i = plain;
+            if (i == text.size()) {
+                break;
+            }
             const char c = text[i];
             const auto byte = static_cast<unsigned char>(c);
             if (byte >= 0x80) {
