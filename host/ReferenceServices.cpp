@@ -18,10 +18,13 @@ std::string stableIDOf(const std::vector<std::string_view>& parts) {
         joined.append(parts[i]);
     }
 
+    // Fetched once: EVP_sha256() makes OpenSSL look the implementation up again on
+    // every digest, which costs several times the hashing of an identifier.
+    static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned int digestLength = 0;
-    if (EVP_Digest(joined.data(), joined.size(), digest.data(), &digestLength, EVP_sha256(),
-                   nullptr) != 1) {
+    if (EVP_Digest(joined.data(), joined.size(), digest.data(), &digestLength,
+                   sha256 != nullptr ? sha256 : EVP_sha256(), nullptr) != 1) {
         throw std::runtime_error("SHA-256 digest failed");
     }
 
