@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <mutex>
 
 namespace orvik::store {
 
@@ -261,9 +262,12 @@ void Statement::bind(const Params& params) {
             throw DatabaseError(sqlite3_extended_errcode(db_), sqlite3_errmsg(db_), sql_);
         }
     };
+    // The parameters outlive the statement's run: every run ends in reset(), which
+    // clears the bindings, before the caller's Params go away. SQLite reads the
+    // text in place instead of copying it.
     auto bindText = [&](const std::string& text) {
         check(sqlite3_bind_text(stmt_, position++, text.data(), static_cast<int>(text.size()),
-                                SQLITE_TRANSIENT));
+                                SQLITE_STATIC));
     };
     for (const Param& param : params.values()) {
         if (std::holds_alternative<std::nullptr_t>(param)) {
@@ -310,6 +314,22 @@ void Statement::reset() noexcept {
 // ---------------------------------------------------------------------------
 // Connection
 
+namespace {
+
+// SQLite keeps a running total of its memory for sqlite3_memory_used(), updated
+// under one process-wide mutex on every allocation and free; the packaged
+// SQLCipher is built without lookaside memory, so every small allocation of a
+// statement pays for a lock and an unlock. Nothing here reads the total (nor sets
+// a soft heap limit, which needs it), so it is switched off once, before SQLite
+// initialises. When something else in the process initialised SQLite first, the
+// call is refused and nothing changes.
+void configureSqliteOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] { (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
+}
+
+}  // namespace
+
 class Connection::Lease {
   public:
     Lease(Statement* cached, std::unique_ptr<Statement> owned)
@@ -331,6 +351,7 @@ class Connection::Lease {
 };
 
 Connection::Connection(const std::filesystem::path& path, int openFlags, const char* vfs) {
+    configureSqliteOnce();
     const int rc = sqlite3_open_v2(path.c_str(), &db_, openFlags, vfs);
     if (rc != SQLITE_OK) {
         const int code = db_ ? sqlite3_extended_errcode(db_) : rc;
