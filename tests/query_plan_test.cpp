@@ -1,6 +1,8 @@
 // Every statement the library runs, planned by SQLite against the reference
 // schema: a full pass over a table that grows with the address book is only
-// acceptable where the statement cannot use an index at all.
+// acceptable where the statement cannot use an index at all. And every read it
+// runs: within one transaction none comes twice with the same values unless
+// something was written in between.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
