@@ -262,7 +262,11 @@ class RepositoryCore {
     // Follows merged_into_person_id for at most 20 hops. A missing person ends the
     // walk at its identifier; a cycle ends wherever the 20th hop lands. Never fails
     // on a broken chain.
+    // Within a transaction the rows walked through are kept for personRow.
     std::string absorptionChainHead(const std::string& personID, store::Connection& db);
+    // The same head, for the many walks of a constraint scan: reads only where
+    // each person went and keeps no row (a row already kept is used).
+    std::string scannedAbsorptionChainHead(const std::string& personID, store::Connection& db);
     // The head and its row: the row the walk ended on, read again only when the
     // walk did not read it (a head known from earlier in the transaction, or one
     // reached at the hop limit). Absent row: the head person does not exist.
@@ -501,11 +505,13 @@ class RepositoryCore {
         const std::vector<std::string>& excludingPersonIDs, store::Connection& db);
 
   private:
-    // The walk behind both absorption operations. headRow, when given, receives
+    // The walk behind the absorption operations. headRow, when given, receives
     // every row read, so that it ends holding the head's (absent: the head does
-    // not exist); it is left empty when the head's row was not read.
+    // not exist); it is left empty when the head's row was not read. keepRows:
+    // whole rows are read through personRow inside a transaction.
     std::string walkAbsorptionChain(const std::string& personID, store::Connection& db,
-                                    std::optional<std::optional<PersonRow>>* headRow);
+                                    std::optional<std::optional<PersonRow>>* headRow,
+                                    bool keepRows);
 
     host::HostServices services_;
 };

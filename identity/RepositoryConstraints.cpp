@@ -71,7 +71,7 @@ bool pairedThrough(const PersonPairIndex& index, const std::string& head, const 
         return false;
     }
     for (const auto& bEnd : it->second) {
-        if (core.absorptionChainHead(bEnd, db) == other) {
+        if (core.scannedAbsorptionChainHead(bEnd, db) == other) {
             return true;
         }
     }
@@ -84,7 +84,7 @@ PersonPairIndex indexByHeadOfA(const std::vector<std::pair<std::string, std::str
                                RepositoryCore& core, store::Connection& db) {
     PersonPairIndex index;
     for (const auto& [a, b] : ends) {
-        index[core.absorptionChainHead(a, db)].push_back(b);
+        index[core.scannedAbsorptionChainHead(a, db)].push_back(b);
     }
     return index;
 }
@@ -193,8 +193,9 @@ std::vector<std::string> RepositoryCore::livePersonPairDifferentConstraintIDs(
     // A b end is resolved only when the a end matched one of the heads.
     std::vector<std::string> ids;
     for (const auto& c : candidates) {
-        const std::string x = absorptionChainHead(c.a, db);
-        if ((x == headA || x == headB) && samePair(x, absorptionChainHead(c.b, db), headA, headB)) {
+        const std::string x = scannedAbsorptionChainHead(c.a, db);
+        if ((x == headA || x == headB) &&
+            samePair(x, scannedAbsorptionChainHead(c.b, db), headA, headB)) {
             ids.push_back(c.id);
         }
     }

@@ -356,13 +356,18 @@ void OperationMemo::personAbsorbed(store::Connection& db, const std::string& sur
 
 std::string RepositoryCore::absorptionChainHead(const std::string& personID,
                                                 store::Connection& db) {
-    return walkAbsorptionChain(personID, db, nullptr);
+    return walkAbsorptionChain(personID, db, nullptr, true);
+}
+
+std::string RepositoryCore::scannedAbsorptionChainHead(const std::string& personID,
+                                                       store::Connection& db) {
+    return walkAbsorptionChain(personID, db, nullptr, false);
 }
 
 std::pair<std::string, std::optional<PersonRow>> RepositoryCore::absorptionChainHeadRow(
     const std::string& personID, store::Connection& db) {
     std::optional<std::optional<PersonRow>> last;
-    std::string head = walkAbsorptionChain(personID, db, &last);
+    std::string head = walkAbsorptionChain(personID, db, &last, true);
     if (!last) {
         last = personRow(head, db);
     }
@@ -370,7 +375,8 @@ std::pair<std::string, std::optional<PersonRow>> RepositoryCore::absorptionChain
 }
 
 std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, store::Connection& db,
-                                                std::optional<std::optional<PersonRow>>* headRow) {
+                                                std::optional<std::optional<PersonRow>>* headRow,
+                                                bool keepRows) {
     OperationMemo* memo = OperationMemo::of(db);
     if (memo != nullptr) {
         if (const auto it = memo->heads.find(personID); it != memo->heads.end()) {
@@ -383,11 +389,15 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
     while (true) {
         bool exists = false;
         std::optional<std::string> mergedInto;
-        if (headRow != nullptr) {
+        if (headRow != nullptr || (memo != nullptr && keepRows)) {
+            // Within a transaction the whole row is kept (personRow memoises it):
+            // the operation may ask for a person it walked through.
             auto row = personRow(current, db);
             exists = row.has_value();
             mergedInto = exists ? row->mergedIntoPersonID : std::nullopt;
-            *headRow = std::move(row);
+            if (headRow != nullptr) {
+                *headRow = std::move(row);
+            }
         } else if (const std::optional<PersonRow>* known =
                        memo != nullptr ? memo->persons.find(db, current) : nullptr) {
             exists = known->has_value();

@@ -1,12 +1,17 @@
 // Every statement the library runs, planned by SQLite against the reference
 // schema: a full pass over a table that grows with the address book is only
-// acceptable where the statement cannot use an index at all.
+// acceptable where the statement cannot use an index at all. And every read it
+// runs: within one transaction none comes twice with the same values unless
+// something was written in between.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <map>
 #include <mutex>
 #include <regex>
 #include <set>
+#include <string_view>
+#include <vector>
 
 #include "tests/support/CorrectionWorkload.h"
 
@@ -15,11 +20,31 @@ namespace {
 
 std::mutex gMutex;
 std::set<std::string> gStatements;
+// Per connection, the reads (with their values bound) since its transaction
+// began or last wrote; and every read that came again within that stretch.
+std::map<sqlite3*, std::set<std::string>> gReadsSinceWrite;
+std::vector<std::string> gRepeatedReads;
 
-int recordStatement(unsigned, void*, void* statement, void*) {
-    if (const char* sql = sqlite3_sql(static_cast<sqlite3_stmt*>(statement))) {
-        std::lock_guard lock(gMutex);
-        gStatements.insert(sql);
+int recordStatement(unsigned, void*, void* prepared, void*) {
+    auto* statement = static_cast<sqlite3_stmt*>(prepared);
+    const char* sql = sqlite3_sql(statement);
+    if (sql == nullptr) {
+        return 0;
+    }
+    std::lock_guard lock(gMutex);
+    gStatements.insert(sql);
+    const std::string_view text(sql);
+    auto& reads = gReadsSinceWrite[sqlite3_db_handle(statement)];
+    if (text.starts_with("BEGIN") || text.starts_with("COMMIT") || text.starts_with("ROLLBACK") ||
+        !sqlite3_stmt_readonly(statement)) {
+        reads.clear();
+    } else if (!text.starts_with("PRAGMA")) {
+        char* expanded = sqlite3_expanded_sql(statement);
+        std::string bound = expanded != nullptr ? expanded : sql;
+        sqlite3_free(expanded);
+        if (!reads.insert(bound).second) {
+            gRepeatedReads.push_back(std::move(bound));
+        }
     }
     return 0;
 }
@@ -29,16 +54,23 @@ int traceConnection(sqlite3* db, const char**, const void*) {
     return SQLITE_OK;
 }
 
-std::set<std::string> statementsOf(const std::function<void()>& workload) {
+struct Recorded {
+    std::set<std::string> statements;
+    std::vector<std::string> repeatedReads;
+};
+
+Recorded record(const std::function<void()>& workload) {
     {
         std::lock_guard lock(gMutex);
         gStatements.clear();
+        gReadsSinceWrite.clear();
+        gRepeatedReads.clear();
     }
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(traceConnection));
     workload();
     sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(traceConnection));
     std::lock_guard lock(gMutex);
-    return gStatements;
+    return {gStatements, gRepeatedReads};
 }
 
 // Reads every screen and every lookup does, on the workload's store.
@@ -148,20 +180,21 @@ bool allowed(const std::string& sql, const std::string& table) {
     return false;
 }
 
-TEST(QueryPlans, OnlyTheStatementsThatMustScanPassOverATableAndSearchesNeverSort) {
-    std::set<std::string> all;
-    for (const auto& correction : test::corrections()) {
-        const auto texts = statementsOf([&] {
+// Every correction (and whatever prepares it) and every read, each on a fresh
+// store.
+Recorded recordWorkload() {
+    return record([] {
+        for (const auto& correction : test::corrections()) {
             test::CorrectionWorld w;
             correction.prepare(w)();
-        });
-        all.insert(texts.begin(), texts.end());
-    }
-    const auto reads = statementsOf([] {
+        }
         test::CorrectionWorld w;
         runReads(w);
     });
-    all.insert(reads.begin(), reads.end());
+}
+
+TEST(QueryPlans, OnlyTheStatementsThatMustScanPassOverATableAndSearchesNeverSort) {
+    const auto all = recordWorkload().statements;
     // The workload reached the library's statements, not only the seeding.
     ASSERT_GT(all.size(), 100U);
 
@@ -176,6 +209,16 @@ TEST(QueryPlans, OnlyTheStatementsThatMustScanPassOverATableAndSearchesNeverSort
                 << (table == kSort ? "sorts every match" : "passes over " + table) << ":\n"
                 << sql;
         }
+    }
+}
+
+// An operation reads a row once: the same read with the same values comes again
+// only after the transaction has written something.
+TEST(QueryPlans, NoOperationRepeatsAReadWithoutAWriteInBetween) {
+    const auto recorded = recordWorkload();
+    ASSERT_GT(recorded.statements.size(), 100U);
+    for (const auto& read : recorded.repeatedReads) {
+        ADD_FAILURE() << "read again:\n" << read;
     }
 }
 
