@@ -6,6 +6,7 @@
 // store::DatabaseError; row decoding throws IdentityStoreError::corruptRestoreMap.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <initializer_list>
 #include <map>
@@ -82,9 +83,10 @@ using PersonPairIndex = std::unordered_map<std::string, std::vector<std::string>
 template <typename Key, typename Value>
 class ReadMemo {
   public:
+    // Built for every transaction that reads: no allocation here.
     ReadMemo(std::initializer_list<std::string_view> tables) {
         for (const auto table : tables) {
-            seen_.emplace_back(table, 0);
+            seen_.at(tables_++) = {table, 0};
         }
     }
 
@@ -101,7 +103,8 @@ class ReadMemo {
     // The answer already read for the key, if any.
     const Value* find(store::Connection& db, const Key& key) {
         bool stale = false;
-        for (auto& [table, changes] : seen_) {
+        for (std::size_t i = 0; i < tables_; ++i) {
+            auto& [table, changes] = seen_[i];
             if (const auto now = db.tableChanges(table); now != changes) {
                 changes = now;
                 stale = true;
@@ -115,7 +118,8 @@ class ReadMemo {
     }
 
   private:
-    std::vector<std::pair<std::string_view, std::uint64_t>> seen_;
+    std::array<std::pair<std::string_view, std::uint64_t>, 5> seen_{};
+    std::size_t tables_ = 0;
     std::map<Key, Value> values_;
 };
 
