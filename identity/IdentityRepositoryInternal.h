@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -161,6 +162,13 @@ struct OperationMemo {
         "identity_membership"};
     ReadMemo<std::string, std::optional<MergeEventRow>> mergeEvents{"merge_event"};
     ReadMemo<int, std::string> ownerPerson{"owner_ego"};
+    // Snapshots decoded within the operation, by merge event, with the text each
+    // was decoded from (null: not decodable).
+    struct DecodedSnapshot {
+        std::string text;
+        std::shared_ptr<const MergePreState> snapshot;
+    };
+    std::unordered_map<std::string, DecodedSnapshot> snapshots;
     // Owner tests by (source type, handle) and by person.
     ReadMemo<std::pair<std::string, std::string>, bool> ownerIdentities{
         "owner_alias", "source_account", "owner_ego", "source_identity", "identity_membership"};
@@ -234,6 +242,10 @@ class RepositoryCore {
     std::vector<IdentityMembershipRow> activeMembershipRows(const std::string& personID,
                                                             store::Connection& db);
     std::optional<MergeEventRow> mergeEventRow(const std::string& id, store::Connection& db);
+    // The event's snapshot, decoded once per transaction (as long as its text is
+    // unchanged); null when it cannot be decoded.
+    std::shared_ptr<const MergePreState> decodedSnapshot(const MergeEventRow& event,
+                                                         store::Connection& db);
     // The newest unreversed event naming the person as survivor or absorbed; ties
     // on created_at go to the row inserted last.
     std::optional<MergeEventRow> latestUndoableMergeEventRow(const std::string& personID,

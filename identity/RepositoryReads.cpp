@@ -205,6 +205,24 @@ std::optional<MergeEventRow> RepositoryCore::mergeEventRow(const std::string& id
     });
 }
 
+std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const MergeEventRow& event,
+                                                                     store::Connection& db) {
+    OperationMemo* memo = OperationMemo::of(db);
+    if (memo != nullptr) {
+        if (const auto it = memo->snapshots.find(event.id);
+            it != memo->snapshots.end() && it->second.text == event.preMergeStateJSON) {
+            return it->second.snapshot;
+        }
+    }
+    auto decoded = decodeMergePreState(event.preMergeStateJSON);
+    std::shared_ptr<const MergePreState> snapshot =
+        decoded ? std::make_shared<const MergePreState>(std::move(*decoded)) : nullptr;
+    if (memo != nullptr) {
+        memo->snapshots[event.id] = {event.preMergeStateJSON, snapshot};
+    }
+    return snapshot;
+}
+
 std::optional<MergeEventRow> RepositoryCore::latestUndoableMergeEventRow(
     const std::string& personID, store::Connection& db) {
     return firstRow<MergeEventRow>(db, kSelectLatestUndoableMergeEvent, {personID, personID},

@@ -133,7 +133,7 @@ UndoMergeResult RepositoryCore::undoMerge(const std::string& mergeEventID,
     if (event->reversedAt) {
         throw IdentityStoreError(IdentityStoreError::Case::alreadyReversed);
     }
-    const auto decoded = decodeMergePreState(event->preMergeStateJSON);
+    const auto decoded = decodedSnapshot(*event, db);
     if (!decoded) {
         throw IdentityStoreError(IdentityStoreError::Case::corruptRestoreMap);
     }
@@ -275,7 +275,7 @@ std::vector<UndoMergeResult> RepositoryCore::undoConfirmationCore(
         if (!event) {
             continue;
         }
-        if (const auto s = decodeMergePreState(event->preMergeStateJSON)) {
+        if (const auto s = decodedSnapshot(*event, db)) {
             const auto ids = affectedIdentityIDs(*s);
             affected.insert(ids.begin(), ids.end());
         }
