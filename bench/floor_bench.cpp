@@ -322,17 +322,24 @@ void BM_resolveCanonicalPerson(benchmark::State& state) {
 }
 BENCHMARK(BM_resolveCanonicalPerson)->Apply(allShapes)->UseManualTime();
 
-void BM_activeMemberships(benchmark::State& state) {
+// Records one read per merged person and replays them.
+template <typename Read>
+void replayPersonReads(benchmark::State& state, const std::string& name, Read read) {
     const auto shape = shapeOf(state);
-    const auto& traces = tracesFor("activeMemberships", shape, [](World& w) {
+    const auto& traces = tracesFor(name, shape, [&](World& w) {
         std::vector<Trace> made;
         for (std::size_t i = 0; i < kSubjects; ++i) {
             const auto& id = nth(w.subjects.mergedPersons, i);
-            made.push_back(record(w, {{false, [&] { w.repository->activeMemberships(id); }}}));
+            made.push_back(record(w, {{false, [&] { read(*w.repository, id); }}}));
         }
         return made;
     });
     replay(state, traces, 0, shape);
+}
+
+void BM_activeMemberships(benchmark::State& state) {
+    replayPersonReads(state, "activeMemberships",
+                      [](auto& repository, const auto& id) { repository.activeMemberships(id); });
 }
 BENCHMARK(BM_activeMemberships)->Apply(allShapes)->UseManualTime();
 
@@ -358,16 +365,8 @@ void BM_exactKeyCandidates(benchmark::State& state) {
 BENCHMARK(BM_exactKeyCandidates)->Apply(allShapes)->UseManualTime();
 
 void BM_identityHistory(benchmark::State& state) {
-    const auto shape = shapeOf(state);
-    const auto& traces = tracesFor("history", shape, [](World& w) {
-        std::vector<Trace> made;
-        for (std::size_t i = 0; i < kSubjects; ++i) {
-            const auto& id = nth(w.subjects.mergedPersons, i);
-            made.push_back(record(w, {{false, [&] { w.repository->identityHistory(id); }}}));
-        }
-        return made;
-    });
-    replay(state, traces, 0, shape);
+    replayPersonReads(state, "history",
+                      [](auto& repository, const auto& id) { repository.identityHistory(id); });
 }
 BENCHMARK(BM_identityHistory)->Apply(allShapes)->UseManualTime();
 

@@ -46,58 +46,50 @@ std::string personOf(World& w, const std::string& identityID) {
 
 // --- Reads.
 
-void BM_sourceIdentity(benchmark::State& state) {
+// Times one read of the repository over the subjects in turn.
+template <typename Read>
+void timeReads(benchmark::State& state, const std::vector<std::string> StoreSubjects::*subjects,
+               Read read) {
     auto& w = libraryWorld(state);
     std::size_t i = 0;
     timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.repository->sourceIdentity(nth(w.subjects.linked, i++)));
+        benchmark::DoNotOptimize(read(*w.repository, nth(w.subjects.*subjects, i++)));
     });
+}
+
+void BM_sourceIdentity(benchmark::State& state) {
+    timeReads(state, &StoreSubjects::linked,
+              [](auto& repository, const auto& id) { return repository.sourceIdentity(id); });
 }
 BENCHMARK(BM_sourceIdentity)->Apply(allShapes)->UseManualTime();
 
 void BM_person(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    std::size_t i = 0;
-    timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.repository->person(nth(w.subjects.mergedPersons, i++)));
-    });
+    timeReads(state, &StoreSubjects::mergedPersons,
+              [](auto& repository, const auto& id) { return repository.person(id); });
 }
 BENCHMARK(BM_person)->Apply(allShapes)->UseManualTime();
 
 void BM_activeMembership(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    std::size_t i = 0;
-    timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.repository->activeMembership(nth(w.subjects.linked, i++)));
-    });
+    timeReads(state, &StoreSubjects::linked,
+              [](auto& repository, const auto& id) { return repository.activeMembership(id); });
 }
 BENCHMARK(BM_activeMembership)->Apply(allShapes)->UseManualTime();
 
 void BM_activeMemberships(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    std::size_t i = 0;
-    timeEach(state, [&] {
-        benchmark::DoNotOptimize(
-            w.repository->activeMemberships(nth(w.subjects.mergedPersons, i++)));
-    });
+    timeReads(state, &StoreSubjects::mergedPersons,
+              [](auto& repository, const auto& id) { return repository.activeMemberships(id); });
 }
 BENCHMARK(BM_activeMemberships)->Apply(allShapes)->UseManualTime();
 
 void BM_mergeEvent(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    std::size_t i = 0;
-    timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.repository->mergeEvent(nth(w.subjects.mergeEvents, i++)));
-    });
+    timeReads(state, &StoreSubjects::mergeEvents,
+              [](auto& repository, const auto& id) { return repository.mergeEvent(id); });
 }
 BENCHMARK(BM_mergeEvent)->Apply(allShapes)->UseManualTime();
 
 void BM_latestUndoableMergeEvent(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    std::size_t i = 0;
-    timeEach(state, [&] {
-        benchmark::DoNotOptimize(
-            w.repository->latestUndoableMergeEvent(nth(w.subjects.mergedPersons, i++)));
+    timeReads(state, &StoreSubjects::mergedPersons, [](auto& repository, const auto& id) {
+        return repository.latestUndoableMergeEvent(id);
     });
 }
 BENCHMARK(BM_latestUndoableMergeEvent)->Apply(allShapes)->UseManualTime();

@@ -317,9 +317,11 @@ OperationMemo* OperationMemo::of(store::Connection& db) {
 }
 
 void OperationMemo::unrelatedWrite(store::Connection& db, std::string_view table) {
-    std::uint64_t& seen = table == "person" ? personChanges_ : constraintChanges_;
-    if (db.tableChanges(table) == seen + 1) {
-        ++seen;
+    std::uint64_t* seen = table == "person"                ? &personChanges_
+                          : table == "identity_constraint" ? &constraintChanges_
+                                                           : nullptr;
+    if (seen != nullptr && db.tableChanges(table) == *seen + 1) {
+        ++*seen;
     }
 }
 
