@@ -1,5 +1,7 @@
 #include "store/Database.h"
 
+#include "store/PageCipherInternal.h"
+
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
@@ -322,10 +324,14 @@ namespace {
 // statement pays for a lock and an unlock. Nothing here reads the total (nor sets
 // a soft heap limit, which needs it), so it is switched off once, before SQLite
 // initialises. When something else in the process initialised SQLite first, the
-// call is refused and nothing changes.
+// call is refused and nothing changes. The page cipher goes in after that, before
+// the first encrypted connection opens (see store/PageCipherInternal.h).
 void configureSqliteOnce() {
     static std::once_flag once;
-    std::call_once(once, [] { (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
+    std::call_once(once, [] {
+        (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        (void)installPageCipher();
+    });
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "host/HostServices.h"
 #include "identity/IdentityRepository.h"
 #include "store/Database.h"
+#include "store/PageCipherInternal.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -63,12 +64,12 @@ class MultiProcess : public ::testing::TestWithParam<bool> {
         return store::DatabasePool::open(path_, options);
     }
 
-    [[nodiscard]] std::unique_ptr<ChildProcess> startExec() const {
+    [[nodiscard]] std::unique_ptr<ChildProcess> startExec(const ChildOptions& options = {}) const {
         std::vector<std::string> arguments{"exec", "--db", path_.string()};
         if (GetParam()) {
             arguments.insert(arguments.end(), {"--key", kTestKey});
         }
-        return std::make_unique<ChildProcess>(ORVIK_IDENTITY_BIN, arguments);
+        return std::make_unique<ChildProcess>(ORVIK_IDENTITY_BIN, arguments, options);
     }
 
     static std::string linkRequest(int i) {
@@ -98,8 +99,8 @@ class MultiProcess : public ::testing::TestWithParam<bool> {
     }
 
     // A process that links one identity and exits.
-    void linkInOwnProcess(int i) {
-        auto session = startExec();
+    void linkInOwnProcess(int i, const ChildOptions& options = {}) {
+        auto session = startExec(options);
         ASSERT_TRUE(session->send(linkRequest(i)));
         auto [lines, exitCode] = session->finish();
         EXPECT_EQ(exitCode, 0) << session->errorOutput();
@@ -155,6 +156,37 @@ TEST_P(MultiProcess, ShortLivedProcessesBesideALongLivedOneLoseNothing) {
     auto [lines, exitCode] = a->finish();
     EXPECT_EQ(exitCode, 0) << a->errorOutput();
     expectEverythingAcknowledgedIsThere();
+}
+
+// Pages encrypted by this library's page cipher and by SQLCipher's own provider
+// (a process told to keep it) are read by the other: a process of each kind reads
+// and extends what the others wrote, and this process checks every page at the end.
+TEST_P(MultiProcess, PagesOfEitherPageCipherReadWithTheOther) {
+    if (!GetParam()) {
+        GTEST_SKIP() << "a plain store has no page cipher";
+    }
+#ifdef ORVIK_HAS_SQLCIPHER
+    EXPECT_TRUE(store::pageCipherInstalled());
+#endif
+    ChildOptions sqlciphersOwn;
+    sqlciphersOwn.environment["ORVIK_SQLCIPHER_OWN_PAGE_CIPHER"] = "1";
+    auto ours = startExec();
+    int next = 0;
+    for (int round = 0; round < 3; ++round) {
+        linkInOwnProcess(next++, sqlciphersOwn);
+        linkThrough(*ours, next++);
+        linkInOwnProcess(next++);
+    }
+    EXPECT_EQ(ours->finish().second, 0) << ours->errorOutput();
+    expectEverythingAcknowledgedIsThere();
+    // And SQLCipher's own provider reads the store as this process left it.
+    auto check = runChild(ORVIK_IDENTITY_BIN, {"exec", "--db", path_.string(), "--key", kTestKey},
+                          R"({"id":1,"op":"identityCorrectionsReadback"})"
+                          "\n",
+                          sqlciphersOwn);
+    EXPECT_EQ(check.exitCode, 0) << check.errors;
+    ASSERT_EQ(check.lines.size(), 1U);
+    EXPECT_TRUE(Json::parse(check.lines[0]).contains("ok")) << check.lines[0];
 }
 
 // Writers in four processes at once, readers beside them, while other processes

@@ -3,9 +3,14 @@
 
 #include <atomic>
 #include <fstream>
+#include <random>
+
+#include <sys/wait.h>
+#include <unistd.h>
 #include <thread>
 
 #include "store/Database.h"
+#include "store/PageCipherInternal.h"
 #include "tests/support/TestSupport.h"
 
 namespace orvik::store {
@@ -257,6 +262,63 @@ TEST(PoolOpening, APoolsStoreOpensWithThePassphraseAlone) {
     Connection plain(path, SQLITE_OPEN_READWRITE);
     plain.executeScript("PRAGMA key = 'pass phrase'");
     EXPECT_EQ(*plain.scalarInteger("SELECT count(*) FROM t"), 1);
+}
+
+// The page cipher must encrypt, decrypt and authenticate byte for byte as
+// SQLCipher's own provider does, on the page sizes SQLCipher uses (the usable
+// part of a 1 KiB page is 976 bytes) and with keys and IVs changing between calls
+// on one thread's reused contexts.
+TEST(PageCipher, AgreesWithSqlciphersOwnProviderByteForByte) {
+    TempDir dir;
+    openFresh(dir.path() / "c.db", "pass phrase");  // installs it
+    ASSERT_TRUE(pageCipherInstalled());
+    std::mt19937 random(7);
+    auto fill = [&](unsigned char* bytes, std::size_t n) {
+        for (std::size_t i = 0; i < n; ++i) {
+            bytes[i] = static_cast<unsigned char>(random());
+        }
+    };
+    for (const std::size_t size : {16U, 976U, 4048U, 65488U}) {
+        for (int round = 0; round < 3; ++round) {
+            std::vector<unsigned char> page(size);
+            unsigned char key[32];
+            unsigned char iv[16];
+            fill(page.data(), size);
+            fill(key, sizeof key);
+            fill(iv, sizeof iv);
+            EXPECT_EQ(comparePageCipherWithSqlcipher(page.data(), size, key, iv,
+                                                     static_cast<unsigned>(random())),
+                      "")
+                << "page of " << size << " bytes, round " << round;
+        }
+    }
+}
+
+// IVs are drawn ahead; a forked child must not hand out the ones its parent will.
+TEST(PageCipher, AForkedChildDrawsOtherIVsThanItsParent) {
+    TempDir dir;
+    openFresh(dir.path() / "c.db", "pass phrase");
+    std::array<unsigned char, 16> first{}, parents{}, childs{};
+    ASSERT_TRUE(drawPageRandom(first.data(), first.size()));
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(fds[0]);
+        const bool drawn = drawPageRandom(childs.data(), childs.size());
+        const auto written = write(fds[1], childs.data(), drawn ? childs.size() : 0);
+        _exit(written == static_cast<ssize_t>(childs.size()) ? 0 : 1);
+    }
+    close(fds[1]);
+    ASSERT_TRUE(drawPageRandom(parents.data(), parents.size()));
+    ASSERT_EQ(read(fds[0], childs.data(), childs.size()), static_cast<ssize_t>(childs.size()));
+    close(fds[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_NE(parents, childs);
+    EXPECT_NE(first, parents);
 }
 #endif
 

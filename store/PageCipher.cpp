@@ -1,0 +1,383 @@
+#include "store/PageCipherInternal.h"
+
+#ifdef ORVIK_HAS_SQLCIPHER
+
+#include <openssl/core_names.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+#include <openssl/rand.h>
+#include <pthread.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+// SQLCipher 3.4.1's provider structure and the calls that install one. None of
+// this is in SQLCipher's installed header; the shape is checked at run time
+// before anything is installed.
+extern "C" {
+struct sqlcipher_provider {
+    int (*activate)(void* ctx);
+    int (*deactivate)(void* ctx);
+    const char* (*get_provider_name)(void* ctx);
+    int (*add_random)(void* ctx, void* buffer, int length);
+    int (*random)(void* ctx, void* buffer, int length);
+    int (*hmac)(void* ctx, unsigned char* hmacKey, int keySize, unsigned char* in, int inSize,
+                unsigned char* in2, int in2Size, unsigned char* out);
+    int (*kdf)(void* ctx, const unsigned char* pass, int passSize, unsigned char* salt,
+               int saltSize, int workfactor, int keySize, unsigned char* key);
+    int (*cipher)(void* ctx, int mode, unsigned char* key, int keySize, unsigned char* iv,
+                  unsigned char* in, int inSize, unsigned char* out);
+    int (*set_cipher)(void* ctx, const char* cipherName);
+    const char* (*get_cipher)(void* ctx);
+    int (*get_key_sz)(void* ctx);
+    int (*get_iv_sz)(void* ctx);
+    int (*get_block_sz)(void* ctx);
+    int (*get_hmac_sz)(void* ctx);
+    int (*ctx_copy)(void* target, void* source);
+    int (*ctx_cmp)(void* c1, void* c2);
+    int (*ctx_init)(void** ctx);
+    int (*ctx_free)(void** ctx);
+    int (*fips_status)(void* ctx);
+    const char* (*get_provider_version)(void* ctx);
+};
+int sqlcipher_openssl_setup(sqlcipher_provider* provider);
+int sqlcipher_register_provider(sqlcipher_provider* provider);
+void sqlcipher_activate(void);
+void* sqlcipher_malloc(int size);
+}
+
+namespace orvik::store {
+
+namespace {
+
+constexpr int kEncrypt = 1;  // SQLCipher's CIPHER_ENCRYPT; 0 decrypts
+constexpr int kAes256KeySize = 32;
+constexpr int kSha1Size = 20;
+
+// SQLCipher's own entries, kept for everything the fast ones do not handle.
+sqlcipher_provider stockEntries{};
+std::atomic<bool> installed{false};
+
+// Bumped in a child after fork(), so that no thread of the child hands out random
+// bytes its parent drew (the parent goes on handing out the same ones).
+std::atomic<unsigned> forkGeneration{0};
+
+// The algorithms, fetched once per process, and each thread's contexts, created
+// on first use and freed when the thread ends.
+struct Algorithms {
+    EVP_CIPHER* aes = nullptr;
+    EVP_MAC* hmac = nullptr;
+};
+
+const Algorithms& algorithms() {
+    static const Algorithms fetched = [] {
+        Algorithms a;
+        a.aes = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
+        a.hmac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+        return a;
+    }();
+    return fetched;
+}
+
+class ThreadContexts {
+  public:
+    ThreadContexts() = default;
+    ThreadContexts(const ThreadContexts&) = delete;
+    ThreadContexts& operator=(const ThreadContexts&) = delete;
+    ~ThreadContexts() {
+        EVP_CIPHER_CTX_free(encrypt_);
+        EVP_CIPHER_CTX_free(decrypt_);
+        EVP_MAC_CTX_free(mac_);
+        OPENSSL_cleanse(random_.data(), random_.size());
+    }
+
+    // Fills buffer with bytes from OpenSSL's random generator, drawn a few pages'
+    // worth at a time: each RAND_bytes call costs as much as encrypting a page,
+    // whatever it returns. False when the generator failed.
+    bool random(unsigned char* buffer, std::size_t length) {
+        const unsigned generation = forkGeneration.load(std::memory_order_relaxed);
+        if (generation != generation_) {
+            randomUsed_ = random_.size();
+            generation_ = generation;
+        }
+        while (length > 0) {
+            if (randomUsed_ == random_.size()) {
+                if (RAND_bytes(random_.data(), static_cast<int>(random_.size())) != 1) {
+                    return false;
+                }
+                randomUsed_ = 0;
+            }
+            const std::size_t n = std::min(length, random_.size() - randomUsed_);
+            std::memcpy(buffer, random_.data() + randomUsed_, n);
+            randomUsed_ += n;
+            buffer += n;
+            length -= n;
+        }
+        return true;
+    }
+
+    // The cipher context for one direction, set up for AES-256-CBC without
+    // padding; null when OpenSSL refused.
+    EVP_CIPHER_CTX* cipher(bool encrypt) {
+        EVP_CIPHER_CTX*& slot = encrypt ? encrypt_ : decrypt_;
+        if (slot == nullptr && algorithms().aes != nullptr) {
+            EVP_CIPHER_CTX* created = EVP_CIPHER_CTX_new();
+            if (created != nullptr &&
+                EVP_CipherInit_ex2(created, algorithms().aes, nullptr, nullptr, encrypt ? 1 : 0,
+                                   nullptr) == 1 &&
+                EVP_CIPHER_CTX_set_padding(created, 0) == 1) {
+                slot = created;
+            } else {
+                EVP_CIPHER_CTX_free(created);
+            }
+        }
+        return slot;
+    }
+
+    // An HMAC context with SHA-1 chosen; null when OpenSSL refused.
+    EVP_MAC_CTX* mac() {
+        if (mac_ == nullptr && algorithms().hmac != nullptr) {
+            EVP_MAC_CTX* created = EVP_MAC_CTX_new(algorithms().hmac);
+            char digest[] = "SHA1";
+            const OSSL_PARAM params[] = {
+                OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
+                OSSL_PARAM_construct_end()};
+            if (created != nullptr && EVP_MAC_CTX_set_params(created, params) == 1) {
+                mac_ = created;
+            } else {
+                EVP_MAC_CTX_free(created);
+            }
+        }
+        return mac_;
+    }
+
+  private:
+    EVP_CIPHER_CTX* encrypt_ = nullptr;
+    EVP_CIPHER_CTX* decrypt_ = nullptr;
+    EVP_MAC_CTX* mac_ = nullptr;
+    // 48 bytes a page: the IV and the rest of SQLCipher's reserved space.
+    std::array<unsigned char, 48 * 32> random_{};
+    std::size_t randomUsed_ = random_.size();
+    unsigned generation_ = 0;
+};
+
+ThreadContexts& threadContexts() {
+    thread_local ThreadContexts contexts;
+    return contexts;
+}
+
+// SQLCipher's OpenSSL provider context holds one field, the cipher it uses.
+bool isAes256Cbc(void* providerContext) {
+    const auto* cipher = *static_cast<const EVP_CIPHER* const*>(providerContext);
+    return cipher != nullptr && EVP_CIPHER_get_nid(cipher) == NID_aes_256_cbc;
+}
+
+bool fastCipher(int mode, const unsigned char* key, int keySize, const unsigned char* iv,
+                const unsigned char* in, int inSize, unsigned char* out) {
+    if (keySize != kAes256KeySize || inSize <= 0 || inSize % 16 != 0) {
+        return false;
+    }
+    EVP_CIPHER_CTX* ctx = threadContexts().cipher(mode == kEncrypt);
+    int written = 0;
+    // No EVP_CipherFinal_ex: without padding and whole blocks it adds nothing, and
+    // with padding (were OpenSSL to turn it back on) it would write past the page.
+    return ctx != nullptr && EVP_CipherInit_ex2(ctx, nullptr, key, iv, -1, nullptr) == 1 &&
+           EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 &&
+           EVP_CipherUpdate(ctx, out, &written, in, inSize) == 1 && written == inSize;
+}
+
+int pageCipher(void* ctx, int mode, unsigned char* key, int keySize, unsigned char* iv,
+               unsigned char* in, int inSize, unsigned char* out) {
+    if (isAes256Cbc(ctx) && fastCipher(mode, key, keySize, iv, in, inSize, out)) {
+        return SQLITE_OK;
+    }
+    return stockEntries.cipher(ctx, mode, key, keySize, iv, in, inSize, out);
+}
+
+bool fastHmac(const unsigned char* key, int keySize, const unsigned char* in, int inSize,
+              const unsigned char* in2, int in2Size, unsigned char* out) {
+    EVP_MAC_CTX* ctx = threadContexts().mac();
+    std::size_t written = 0;
+    return ctx != nullptr && keySize > 0 && inSize >= 0 && in2Size >= 0 &&
+           EVP_MAC_init(ctx, key, static_cast<std::size_t>(keySize), nullptr) == 1 &&
+           EVP_MAC_update(ctx, in, static_cast<std::size_t>(inSize)) == 1 &&
+           EVP_MAC_update(ctx, in2, static_cast<std::size_t>(in2Size)) == 1 &&
+           EVP_MAC_final(ctx, out, &written, kSha1Size) == 1 && written == kSha1Size;
+}
+
+int pageHmac(void* ctx, unsigned char* key, int keySize, unsigned char* in, int inSize,
+             unsigned char* in2, int in2Size, unsigned char* out) {
+    if (fastHmac(key, keySize, in, inSize, in2, in2Size, out)) {
+        return SQLITE_OK;
+    }
+    return stockEntries.hmac(ctx, key, keySize, in, inSize, in2, in2Size, out);
+}
+
+int pageRandom(void* ctx, void* buffer, int length) {
+    if (length >= 0 && threadContexts().random(static_cast<unsigned char*>(buffer),
+                                               static_cast<std::size_t>(length))) {
+        return SQLITE_OK;
+    }
+    return stockEntries.random(ctx, buffer, length);
+}
+
+bool runningSqlcipher341() {
+    if (std::strcmp(sqlite3_libversion(), "3.15.2") != 0) {
+        return false;
+    }
+    sqlite3* db = nullptr;
+    bool matches = false;
+    if (sqlite3_open_v2(":memory:", &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+        sqlite3_stmt* statement = nullptr;
+        if (sqlite3_prepare_v2(db, "PRAGMA cipher_version", -1, &statement, nullptr) == SQLITE_OK &&
+            sqlite3_step(statement) == SQLITE_ROW) {
+            const auto* version = sqlite3_column_text(statement, 0);
+            matches = version != nullptr &&
+                      std::strcmp(reinterpret_cast<const char*>(version), "3.4.1") == 0;
+        }
+        sqlite3_finalize(statement);
+    }
+    sqlite3_close(db);
+    return matches;
+}
+
+// The entries SQLCipher's OpenSSL provider fills must answer as 3.4.1's do, so a
+// structure of another shape is never installed.
+bool providerShapeMatches(const sqlcipher_provider& p) {
+    if (p.get_provider_name == nullptr || p.get_hmac_sz == nullptr || p.cipher == nullptr ||
+        p.hmac == nullptr || p.get_provider_version == nullptr || p.ctx_init == nullptr ||
+        p.ctx_free == nullptr || p.random == nullptr) {
+        return false;
+    }
+    const char* name = p.get_provider_name(nullptr);
+    const char* version = p.get_provider_version(nullptr);
+    return name != nullptr && std::strcmp(name, "openssl") == 0 &&
+           p.get_hmac_sz(nullptr) == kSha1Size && version != nullptr &&
+           std::strncmp(version, "OpenSSL ", 8) == 0;
+}
+
+bool install() {
+    if (std::getenv("ORVIK_SQLCIPHER_OWN_PAGE_CIPHER") != nullptr) {
+        return false;  // for comparing with SQLCipher's own provider
+    }
+    if (sqlite3_initialize() != SQLITE_OK || !runningSqlcipher341()) {
+        return false;
+    }
+    (void)sqlcipher_openssl_setup(&stockEntries);
+    if (!providerShapeMatches(stockEntries) || algorithms().aes == nullptr ||
+        algorithms().hmac == nullptr) {
+        return false;
+    }
+    // SQLCipher frees the registered provider with its own allocator when the last
+    // encrypted connection closes and registers its default again on the next
+    // open. One activation of our own, never released, keeps ours registered.
+    auto* provider = static_cast<sqlcipher_provider*>(sqlcipher_malloc(sizeof(sqlcipher_provider)));
+    if (provider == nullptr) {
+        return false;
+    }
+    *provider = stockEntries;
+    provider->cipher = pageCipher;
+    provider->hmac = pageHmac;
+    provider->random = pageRandom;
+    (void)pthread_atfork(nullptr, nullptr,
+                         [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
+    sqlcipher_activate();
+    (void)sqlcipher_register_provider(provider);
+    return true;
+}
+
+}  // namespace
+
+bool installPageCipher() {
+    static std::once_flag once;
+    std::call_once(once, [] { installed = install(); });
+    return installed;
+}
+
+bool pageCipherInstalled() {
+    return installed;
+}
+
+bool drawPageRandom(unsigned char* buffer, std::size_t length) {
+    return installed && threadContexts().random(buffer, length);
+}
+
+std::string comparePageCipherWithSqlcipher(const unsigned char* page, std::size_t size,
+                                           const unsigned char key[32], const unsigned char iv[16],
+                                           unsigned pageNumber) {
+    if (!installed) {
+        return "the page cipher is not installed";
+    }
+    if (size == 0 || size % 16 != 0) {
+        return "the page size is not a whole number of blocks";
+    }
+    // A provider context as SQLCipher's OpenSSL provider makes one.
+    void* context = nullptr;
+    if (stockEntries.ctx_init(&context) != SQLITE_OK ||
+        stockEntries.set_cipher(context, "aes-256-cbc") != SQLITE_OK) {
+        return "SQLCipher's provider context could not be made";
+    }
+    const int n = static_cast<int>(size);
+    auto* k = const_cast<unsigned char*>(key);
+    std::string difference;
+    std::string ours(size, '\0'), theirs(size, '\0');
+    auto* oursBytes = reinterpret_cast<unsigned char*>(ours.data());
+    auto* theirsBytes = reinterpret_cast<unsigned char*>(theirs.data());
+    for (int mode : {kEncrypt, 0}) {
+        std::array<unsigned char, 16> ivOurs{}, ivTheirs{};
+        std::memcpy(ivOurs.data(), iv, 16);
+        std::memcpy(ivTheirs.data(), iv, 16);
+        auto* input = const_cast<unsigned char*>(page);
+        pageCipher(context, mode, k, kAes256KeySize, ivOurs.data(), input, n, oursBytes);
+        stockEntries.cipher(context, mode, k, kAes256KeySize, ivTheirs.data(), input, n,
+                            theirsBytes);
+        if (ours != theirs) {
+            difference = mode == kEncrypt ? "encryption differs" : "decryption differs";
+            break;
+        }
+    }
+    if (difference.empty()) {
+        std::array<unsigned char, kSha1Size> macOurs{}, macTheirs{};
+        unsigned char number[4];
+        std::memcpy(number, &pageNumber, sizeof number);
+        auto* input = const_cast<unsigned char*>(page);
+        pageHmac(context, k, kAes256KeySize, input, n, number, 4, macOurs.data());
+        stockEntries.hmac(context, k, kAes256KeySize, input, n, number, 4, macTheirs.data());
+        if (macOurs != macTheirs) {
+            difference = "authentication differs";
+        }
+    }
+    stockEntries.ctx_free(&context);
+    return difference;
+}
+
+}  // namespace orvik::store
+
+#else
+
+namespace orvik::store {
+
+bool installPageCipher() {
+    return false;
+}
+bool pageCipherInstalled() {
+    return false;
+}
+bool drawPageRandom(unsigned char*, std::size_t) {
+    return false;
+}
+std::string comparePageCipherWithSqlcipher(const unsigned char*, std::size_t,
+                                           const unsigned char[32], const unsigned char[16],
+                                           unsigned) {
+    return "built without SQLCipher";
+}
+
+}  // namespace orvik::store
+
+#endif
