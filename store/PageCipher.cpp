@@ -95,6 +95,7 @@ class ThreadContexts {
         EVP_CIPHER_CTX_free(decrypt_);
         EVP_MAC_CTX_free(mac_);
         OPENSSL_cleanse(random_.data(), random_.size());
+        OPENSSL_cleanse(macKey_.data(), macKey_.size());
     }
 
     // Fills buffer with bytes from OpenSSL's random generator, drawn a few pages'
@@ -140,6 +141,26 @@ class ThreadContexts {
         return slot;
     }
 
+    // The HMAC context keyed with key, ready for the page; null when OpenSSL
+    // refused. The same key as last time (one database's pages, one after the
+    // other) reuses the keyed state instead of hashing the key again.
+    EVP_MAC_CTX* keyedMac(const unsigned char* key, std::size_t keySize) {
+        EVP_MAC_CTX* ctx = mac();
+        if (ctx == nullptr || keySize == 0 || keySize > macKey_.size()) {
+            return nullptr;
+        }
+        const bool sameKey =
+            keySize == macKeySize_ && CRYPTO_memcmp(key, macKey_.data(), keySize) == 0;
+        if (sameKey ? EVP_MAC_init(ctx, nullptr, 0, nullptr) == 1
+                    : EVP_MAC_init(ctx, key, keySize, nullptr) == 1) {
+            std::memcpy(macKey_.data(), key, keySize);
+            macKeySize_ = keySize;
+            return ctx;
+        }
+        macKeySize_ = 0;
+        return nullptr;
+    }
+
     // An HMAC context with SHA-1 chosen; null when OpenSSL refused.
     EVP_MAC_CTX* mac() {
         if (mac_ == nullptr && algorithms().hmac != nullptr) {
@@ -165,6 +186,10 @@ class ThreadContexts {
     std::array<unsigned char, 48 * 32> random_{};
     std::size_t randomUsed_ = random_.size();
     unsigned generation_ = 0;
+    // The key the HMAC context was last keyed with (the context holds state
+    // derived from it anyway).
+    std::array<unsigned char, 64> macKey_{};
+    std::size_t macKeySize_ = 0;
 };
 
 ThreadContexts& threadContexts() {
@@ -202,11 +227,12 @@ int pageCipher(void* ctx, int mode, unsigned char* key, int keySize, unsigned ch
 
 bool fastHmac(const unsigned char* key, int keySize, const unsigned char* in, int inSize,
               const unsigned char* in2, int in2Size, unsigned char* out) {
-    EVP_MAC_CTX* ctx = threadContexts().mac();
+    if (keySize <= 0 || inSize < 0 || in2Size < 0) {
+        return false;
+    }
+    EVP_MAC_CTX* ctx = threadContexts().keyedMac(key, static_cast<std::size_t>(keySize));
     std::size_t written = 0;
-    return ctx != nullptr && keySize > 0 && inSize >= 0 && in2Size >= 0 &&
-           EVP_MAC_init(ctx, key, static_cast<std::size_t>(keySize), nullptr) == 1 &&
-           EVP_MAC_update(ctx, in, static_cast<std::size_t>(inSize)) == 1 &&
+    return ctx != nullptr && EVP_MAC_update(ctx, in, static_cast<std::size_t>(inSize)) == 1 &&
            EVP_MAC_update(ctx, in2, static_cast<std::size_t>(in2Size)) == 1 &&
            EVP_MAC_final(ctx, out, &written, kSha1Size) == 1 && written == kSha1Size;
 }

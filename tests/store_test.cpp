@@ -279,12 +279,13 @@ TEST(PageCipher, AgreesWithSqlciphersOwnProviderByteForByte) {
         }
     };
     for (const std::size_t size : {16U, 976U, 4048U, 65488U}) {
+        // One key for several pages, as a database uses it, then the next.
+        unsigned char key[32];
+        fill(key, sizeof key);
         for (int round = 0; round < 3; ++round) {
             std::vector<unsigned char> page(size);
-            unsigned char key[32];
             unsigned char iv[16];
             fill(page.data(), size);
-            fill(key, sizeof key);
             fill(iv, sizeof iv);
             EXPECT_EQ(comparePageCipherWithSqlcipher(page.data(), size, key, iv,
                                                      static_cast<unsigned>(random())),
