@@ -334,6 +334,37 @@ bool drawPageRandom(unsigned char* buffer, std::size_t length) {
     return installed && threadContexts().random(buffer, length);
 }
 
+bool writePageAsSqlcipherDoes(bool sqlciphersOwn, const unsigned char* page, std::size_t size,
+                              const unsigned char key[32], unsigned pageNumber,
+                              unsigned char* out) {
+    if (!installed || size == 0 || size % 16 != 0) {
+        return false;
+    }
+    // One provider context as SQLCipher's OpenSSL provider makes them, kept.
+    static void* const context = [] {
+        void* made = nullptr;
+        if (stockEntries.ctx_init(&made) != SQLITE_OK ||
+            stockEntries.set_cipher(made, "aes-256-cbc") != SQLITE_OK) {
+            return static_cast<void*>(nullptr);
+        }
+        return made;
+    }();
+    if (context == nullptr) {
+        return false;
+    }
+    const auto random = sqlciphersOwn ? stockEntries.random : pageRandom;
+    const auto cipher = sqlciphersOwn ? stockEntries.cipher : pageCipher;
+    const auto hmac = sqlciphersOwn ? stockEntries.hmac : pageHmac;
+    const int n = static_cast<int>(size);
+    auto* k = const_cast<unsigned char*>(key);
+    unsigned char number[4];
+    std::memcpy(number, &pageNumber, sizeof number);
+    return random(context, out + size, 48) == SQLITE_OK &&
+           cipher(context, kEncrypt, k, kAes256KeySize, out + size,
+                  const_cast<unsigned char*>(page), n, out) == SQLITE_OK &&
+           hmac(context, k, kAes256KeySize, out, n + 16, number, 4, out + size + 16) == SQLITE_OK;
+}
+
 std::string comparePageCipherWithSqlcipher(const unsigned char* page, std::size_t size,
                                            const unsigned char key[32], const unsigned char iv[16],
                                            unsigned pageNumber) {
@@ -393,6 +424,10 @@ bool installPageCipher() {
     return false;
 }
 bool pageCipherInstalled() {
+    return false;
+}
+bool writePageAsSqlcipherDoes(bool, const unsigned char*, std::size_t, const unsigned char[32],
+                              unsigned, unsigned char*) {
     return false;
 }
 bool drawPageRandom(unsigned char*, std::size_t) {

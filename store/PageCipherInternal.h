@@ -49,4 +49,12 @@ std::string comparePageCipherWithSqlcipher(const unsigned char* page, std::size_
                                            const unsigned char key[32], const unsigned char iv[16],
                                            unsigned pageNumber);
 
+// For benchmarks: what SQLCipher does to a page it writes, through the installed
+// entries or (sqlciphersOwn) SQLCipher's own: the 48 reserved bytes drawn at
+// random, the usable `size` bytes encrypted with the IV among them, then the
+// ciphertext, IV and page number authenticated. out receives size + 48 bytes.
+// False when the cipher is not installed or a step failed.
+bool writePageAsSqlcipherDoes(bool sqlciphersOwn, const unsigned char* page, std::size_t size,
+                              const unsigned char key[32], unsigned pageNumber, unsigned char* out);
+
 }  // namespace orvik::store
