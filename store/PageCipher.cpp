@@ -330,6 +330,24 @@ bool pageCipherInstalled() {
     return installed;
 }
 
+namespace {
+
+// One provider context as SQLCipher's OpenSSL provider makes them, for the tests
+// and the benchmark, kept for the process.
+void* sqlciphersContext() {
+    static void* const context = [] {
+        void* made = nullptr;
+        if (stockEntries.ctx_init(&made) != SQLITE_OK ||
+            stockEntries.set_cipher(made, "aes-256-cbc") != SQLITE_OK) {
+            return static_cast<void*>(nullptr);
+        }
+        return made;
+    }();
+    return context;
+}
+
+}  // namespace
+
 bool drawPageRandom(unsigned char* buffer, std::size_t length) {
     return installed && threadContexts().random(buffer, length);
 }
@@ -340,15 +358,7 @@ bool writePageAsSqlcipherDoes(bool sqlciphersOwn, const unsigned char* page, std
     if (!installed || size == 0 || size % 16 != 0) {
         return false;
     }
-    // One provider context as SQLCipher's OpenSSL provider makes them, kept.
-    static void* const context = [] {
-        void* made = nullptr;
-        if (stockEntries.ctx_init(&made) != SQLITE_OK ||
-            stockEntries.set_cipher(made, "aes-256-cbc") != SQLITE_OK) {
-            return static_cast<void*>(nullptr);
-        }
-        return made;
-    }();
+    void* context = sqlciphersContext();
     if (context == nullptr) {
         return false;
     }
@@ -374,10 +384,8 @@ std::string comparePageCipherWithSqlcipher(const unsigned char* page, std::size_
     if (size == 0 || size % 16 != 0) {
         return "the page size is not a whole number of blocks";
     }
-    // A provider context as SQLCipher's OpenSSL provider makes one.
-    void* context = nullptr;
-    if (stockEntries.ctx_init(&context) != SQLITE_OK ||
-        stockEntries.set_cipher(context, "aes-256-cbc") != SQLITE_OK) {
+    void* context = sqlciphersContext();
+    if (context == nullptr) {
         return "SQLCipher's provider context could not be made";
     }
     const int n = static_cast<int>(size);
@@ -410,7 +418,6 @@ std::string comparePageCipherWithSqlcipher(const unsigned char* page, std::size_
             difference = "authentication differs";
         }
     }
-    stockEntries.ctx_free(&context);
     return difference;
 }
 
