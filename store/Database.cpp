@@ -444,18 +444,23 @@ void Connection::checkCommitFault() {
     }
 }
 
+void Connection::emptyTransactionMemo() noexcept {
+    if (transactionMemoUsed_) {
+        emptyTransactionMemo_(transactionMemo_.get());
+        transactionMemoUsed_ = false;
+    }
+}
+
 void Connection::beginCounting(FaultPlan* plan) noexcept {
     fault_ = plan;
     statementsInTransaction_ = 0;
-    transactionMemo_.reset();
-    transactionMemoType_ = nullptr;
+    emptyTransactionMemo();
 }
 
 void Connection::endCounting() noexcept {
     fault_ = nullptr;
     statementsInTransaction_ = 0;
-    transactionMemo_.reset();
-    transactionMemoType_ = nullptr;
+    emptyTransactionMemo();
 }
 
 int Connection::run(const std::string& sql, const Params& params) {

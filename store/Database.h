@@ -249,14 +249,19 @@ class Connection {
     [[nodiscard]] std::uint64_t tableChanges(std::string_view table) const noexcept;
 
     // Scratch space that lives for one transaction on this connection and is
-    // dropped when the transaction begins and ends: memoisation within one
-    // operation, never across operations. T must be default-constructible.
+    // emptied when the transaction begins and ends: memoisation within one
+    // operation, never across operations. T must be default-constructible without
+    // allocating and move-assignable. The object itself stays allocated for the
+    // next transaction: allocating it anew each time (it is larger than glibc's
+    // small-request limit) made every operation sweep the allocator's free lists.
     template <typename T>
     T& transactionMemo() {
-        if (!transactionMemo_ || transactionMemoType_ != &typeid(T)) {
+        if (transactionMemoType_ != &typeid(T)) {
             transactionMemo_ = std::make_shared<T>();
             transactionMemoType_ = &typeid(T);
+            emptyTransactionMemo_ = [](void* memo) noexcept { *static_cast<T*>(memo) = T{}; };
         }
+        transactionMemoUsed_ = true;
         return *static_cast<T*>(transactionMemo_.get());
     }
 
@@ -279,6 +284,8 @@ class Connection {
     Lease acquire(const std::string& sql);
     void countStatement(const std::string& sql);
 
+    void emptyTransactionMemo() noexcept;
+
     static void onUpdate(void* self, int operation, const char* database, const char* table,
                          long long rowid);
 
@@ -290,6 +297,8 @@ class Connection {
     std::vector<std::pair<std::string, std::uint64_t>> tableChanges_;
     std::shared_ptr<void> transactionMemo_;
     const std::type_info* transactionMemoType_ = nullptr;
+    void (*emptyTransactionMemo_)(void*) noexcept = nullptr;
+    bool transactionMemoUsed_ = false;
 };
 
 // Begins a transaction in its constructor and rolls it back in its destructor
