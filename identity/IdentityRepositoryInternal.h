@@ -96,9 +96,7 @@ class ReadMemo {
         if (const Value* known = find(db, key)) {
             return *known;
         }
-        Value value = read();
-        values_.emplace(key, value);
-        return value;
+        return values_.emplace(key, read()).first->second;
     }
 
     // The answer already read for the key, if any.
