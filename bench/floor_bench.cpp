@@ -94,16 +94,16 @@ FloorTransaction floorOf(bool write, const std::vector<RecordedStatement>& recor
     for (const auto& statement : recorded) {
         Step step{.sql = statement.sql, .params = {}};
         for (const auto& param : statement.params.values()) {
-            std::visit(
-                [&](const auto& value) {
-                    using T = std::decay_t<decltype(value)>;
-                    if constexpr (std::is_same_v<T, std::vector<std::string>>) {
-                        step.params.insert(step.params.end(), value.begin(), value.end());
-                    } else {
-                        step.params.emplace_back(value);
-                    }
-                },
-                param);
+            param.visit([&](const auto& value) {
+                using T = std::decay_t<decltype(value)>;
+                if constexpr (std::is_same_v<T, std::span<const std::string>>) {
+                    step.params.insert(step.params.end(), value.begin(), value.end());
+                } else if constexpr (std::is_same_v<T, std::string_view>) {
+                    step.params.emplace_back(std::string(value));
+                } else {
+                    step.params.emplace_back(value);
+                }
+            });
         }
         const bool inserts = step.sql.rfind("INSERT", 0) == 0;
         for (const auto& value : step.params) {

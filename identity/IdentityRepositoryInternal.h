@@ -80,7 +80,9 @@ using PersonPairIndex = std::unordered_map<std::string, std::vector<std::string>
 
 // The answers of one kind of read by key, kept until the transaction writes one
 // of the tables the read depends on (as the connection's update hook counts
-// them).
+// them). An answer handed out stays where it is until the transaction ends, also
+// after it went stale, so that callers may hold it by reference for the length
+// of the operation instead of copying it.
 template <typename Key, typename Value>
 class ReadMemo {
   public:
@@ -92,11 +94,17 @@ class ReadMemo {
     }
 
     template <typename Read>
-    Value get(store::Connection& db, const Key& key, Read&& read) {
+    const Value& get(store::Connection& db, const Key& key, Read&& read) {
         if (const Value* known = find(db, key)) {
             return *known;
         }
         return values_.emplace(key, read()).first->second;
+    }
+
+    // An answer read outside a transaction, where nothing may be remembered: kept
+    // only so that the reference stays valid, until the memo is emptied.
+    const Value& keep(Value value) {
+        return *kept_.emplace_back(std::make_unique<Value>(std::move(value)));
     }
 
     // The answer already read for the key, if any.
@@ -109,17 +117,28 @@ class ReadMemo {
                 stale = true;
             }
         }
-        if (stale) {
+        if (stale && !values_.empty()) {
+            // The nodes move with the map: references handed out stay valid.
+            retired_.push_back(std::move(values_));
             values_.clear();
         }
         const auto it = values_.find(key);
         return it == values_.end() ? nullptr : &it->second;
     }
 
+    // Forgets everything; only between transactions.
+    void clear() noexcept {
+        values_.clear();
+        retired_.clear();
+        kept_.clear();
+    }
+
   private:
     std::array<std::pair<std::string_view, std::uint64_t>, 5> seen_{};
     std::size_t tables_ = 0;
     std::map<Key, Value> values_;
+    std::vector<std::map<Key, Value>> retired_;
+    std::vector<std::unique_ptr<Value>> kept_;
 };
 
 // What one operation has already read, so that it reads each row once: absorption
@@ -173,6 +192,9 @@ struct OperationMemo {
     ReadMemo<std::string, bool> ownerPersons{"owner_alias", "source_account", "owner_ego",
                                              "source_identity", "identity_membership"};
 
+    // Empties the memo between transactions; what it allocated stays allocated.
+    void clear() noexcept;
+
     // Call right after the transaction's own "UPDATE person SET
     // merged_into_person_id = survivor WHERE id = absorbed", with the memo taken
     // (of) right before it: the heads and head pairs are carried over to the new
@@ -191,15 +213,15 @@ struct OperationMemo {
 };
 
 // The memoised answer of `which` for `key` within the current transaction;
-// outside one, `read` runs every time.
+// outside one, `read` runs every time. The answer stays valid until the
+// transaction ends (outside one, until the connection's next transaction).
 template <typename Key, typename Value, typename Read>
-Value memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*which,
-                   const Key& key, Read&& read) {
-    OperationMemo* memo = OperationMemo::of(db);
-    if (memo == nullptr) {
-        return read();
+const Value& memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*which,
+                          const Key& key, Read&& read) {
+    if (OperationMemo* memo = OperationMemo::of(db)) {
+        return (memo->*which).get(db, key, std::forward<Read>(read));
     }
-    return (memo->*which).get(db, key, std::forward<Read>(read));
+    return (db.transactionMemo<OperationMemo>().*which).keep(read());
 }
 
 // Files each (a_id, b_id) under the head of a_id. Resolves every a end, none of
@@ -231,15 +253,17 @@ class RepositoryCore {
 
     // --- Single-row and list reads --------------------------------------------
 
-    std::optional<SourceIdentityRow> sourceIdentityRow(const std::string& id,
-                                                       store::Connection& db);
-    std::optional<PersonRow> personRow(const std::string& id, store::Connection& db);
+    // The single-row and list reads answer with the operation's memoised copy,
+    // valid until the transaction ends.
+    const std::optional<SourceIdentityRow>& sourceIdentityRow(const std::string& id,
+                                                              store::Connection& db);
+    const std::optional<PersonRow>& personRow(const std::string& id, store::Connection& db);
     // The first active membership SQLite returns (at most one is expected).
-    std::optional<IdentityMembershipRow> activeMembershipRow(const std::string& sourceIdentityID,
-                                                             store::Connection& db);
-    std::vector<IdentityMembershipRow> activeMembershipRows(const std::string& personID,
-                                                            store::Connection& db);
-    std::optional<MergeEventRow> mergeEventRow(const std::string& id, store::Connection& db);
+    const std::optional<IdentityMembershipRow>& activeMembershipRow(
+        const std::string& sourceIdentityID, store::Connection& db);
+    const std::vector<IdentityMembershipRow>& activeMembershipRows(const std::string& personID,
+                                                                   store::Connection& db);
+    const std::optional<MergeEventRow>& mergeEventRow(const std::string& id, store::Connection& db);
     // The event's snapshot, decoded once per transaction (as long as its text is
     // unchanged); null when it cannot be decoded.
     std::shared_ptr<const MergePreState> decodedSnapshot(const MergeEventRow& event,
@@ -258,7 +282,7 @@ class RepositoryCore {
 
     // The user's own person (OwnerEgoProjection.personID), read once per
     // transaction until owner_ego is written.
-    std::string ownerPersonID(store::Connection& db);
+    const std::string& ownerPersonID(store::Connection& db);
 
     // The handle is a registered alias, a connected account, or the handle of an
     // active member of the user's own person.
@@ -283,9 +307,10 @@ class RepositoryCore {
     std::string scannedAbsorptionChainHead(const std::string& personID, store::Connection& db);
     // The head and its row: the row the walk ended on, read again only when the
     // walk did not read it (a head known from earlier in the transaction, or one
-    // reached at the hop limit). Absent row: the head person does not exist.
-    std::pair<std::string, std::optional<PersonRow>> absorptionChainHeadRow(
-        const std::string& personID, store::Connection& db);
+    // reached at the hop limit). Null row: the head person does not exist. The row
+    // is the operation's memoised one, valid until the transaction ends.
+    std::pair<std::string, const PersonRow*> absorptionChainHeadRow(const std::string& personID,
+                                                                    store::Connection& db);
     // The claims owned by the person, in id order.
     std::vector<std::string> claimIDs(const std::string& personID, store::Connection& db);
     // Inserts a stub person created by an identity correction; returns its id.
@@ -519,13 +544,12 @@ class RepositoryCore {
         const std::vector<std::string>& excludingPersonIDs, store::Connection& db);
 
   private:
-    // The walk behind the absorption operations. headRow, when given, receives
-    // every row read, so that it ends holding the head's (absent: the head does
-    // not exist); it is left empty when the head's row was not read. keepRows:
-    // whole rows are read through personRow inside a transaction.
+    // The walk behind the absorption operations. headRow, when given, points to
+    // every row read in turn, so that it ends at the head's (empty: the head does
+    // not exist); it is null when the head's row was not read. keepRows: whole
+    // rows are read through personRow inside a transaction.
     std::string walkAbsorptionChain(const std::string& personID, store::Connection& db,
-                                    std::optional<std::optional<PersonRow>>* headRow,
-                                    bool keepRows);
+                                    const std::optional<PersonRow>** headRow, bool keepRows);
 
     host::HostServices services_;
 };

@@ -64,11 +64,11 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
         if (static_cast<std::int64_t>(result.size()) >= limit) {
             break;
         }
-        auto a = sourceIdentityRow(aID, db);
+        const auto& a = sourceIdentityRow(aID, db);
         if (!a) {
             continue;
         }
-        auto b = sourceIdentityRow(bID, db);
+        const auto& b = sourceIdentityRow(bID, db);
         if (!b) {
             continue;
         }
@@ -76,8 +76,8 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
             isOwnerIdentity(b->sourceType, b->handleNormalized, db)) {
             continue;
         }
-        const auto memA = activeMembershipRow(a->id, db);
-        const auto memB = activeMembershipRow(b->id, db);
+        const auto& memA = activeMembershipRow(a->id, db);
+        const auto& memB = activeMembershipRow(b->id, db);
         if (memA && memB && memA->canonicalPersonID == memB->canonicalPersonID) {
             continue;
         }
@@ -105,8 +105,8 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
             existingPersonID = memB->canonicalPersonID;
         }
         result.push_back(IdentityCandidate{
-            .sourceIdentityA = std::move(*a),
-            .sourceIdentityB = std::move(*b),
+            .sourceIdentityA = *a,
+            .sourceIdentityB = *b,
             .existingPersonID = std::move(existingPersonID),
             .score = score,
             .because = IdentityScoring::because(features),
@@ -118,7 +118,7 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
 std::optional<IdentityCandidateContext> RepositoryCore::candidateContext(
     const std::string& sourceIdentityID, const std::vector<std::string>& relativeTo,
     store::Connection& db) {
-    const auto identity = sourceIdentityRow(sourceIdentityID, db);
+    const auto& identity = sourceIdentityRow(sourceIdentityID, db);
     if (!identity) {
         return std::nullopt;
     }
@@ -139,7 +139,7 @@ std::optional<IdentityCandidateContext> RepositoryCore::candidateContext(
     }
     bool exactHandleMatch = false;
     for (const auto& other : relativeTo) {
-        const auto row = sourceIdentityRow(other, db);
+        const auto& row = sourceIdentityRow(other, db);
         if (row && row->handleNormalized == identity->handleNormalized) {
             exactHandleMatch = true;
             break;

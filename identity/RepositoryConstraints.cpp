@@ -48,8 +48,9 @@ const std::string kLiveSymmetricDifferentIDs =
 // The eight arguments of a symmetric match: (a, b) then (b, a).
 store::Params symmetricParams(ConstraintSubjectType aType, const std::string& aID,
                               ConstraintSubjectType bType, const std::string& bID) {
-    const std::string a(rawValue(aType));
-    const std::string b(rawValue(bType));
+    // The type texts are static; the identifiers are bound where the caller keeps them.
+    const std::string_view a = rawValue(aType);
+    const std::string_view b = rawValue(bType);
     return {a, aID, b, bID, b, bID, a, aID};
 }
 

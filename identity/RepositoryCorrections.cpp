@@ -137,8 +137,8 @@ IdentityConfirmResult RepositoryCore::confirmCandidateCore(
             throw IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
         }
     }
-    const auto membershipA = activeMembershipRow(a.id, db);
-    const auto membershipB = activeMembershipRow(b.id, db);
+    const auto& membershipA = activeMembershipRow(a.id, db);
+    const auto& membershipB = activeMembershipRow(b.id, db);
 
     auto link = [&](const std::string& identityID, const std::string& personID) {
         const auto response = linkIdentityCore(
@@ -189,8 +189,8 @@ IdentityConfirmResult RepositoryCore::confirmCandidateCore(
 void RepositoryCore::rejectCandidateWrite(const IdentityCandidate& candidate,
                                           SubjectLineage subjectLineage,
                                           const std::string& subjectID, store::Connection& db) {
-    const auto membershipA = activeMembershipRow(candidate.sourceIdentityA.id, db);
-    const auto membershipB = activeMembershipRow(candidate.sourceIdentityB.id, db);
+    const auto& membershipA = activeMembershipRow(candidate.sourceIdentityA.id, db);
+    const auto& membershipB = activeMembershipRow(candidate.sourceIdentityB.id, db);
     if (membershipA && membershipB &&
         membershipA->canonicalPersonID != membershipB->canonicalPersonID) {
         const auto response = markDifferentCore(

@@ -140,7 +140,7 @@ std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
     // Identities that no longer exist contribute no provider.
     std::set<std::string> providers;
     for (const auto& id : involved) {
-        if (const auto identity = sourceIdentityRow(id, db)) {
+        if (const auto& identity = sourceIdentityRow(id, db)) {
             providers.insert(identity->sourceType);
         }
     }

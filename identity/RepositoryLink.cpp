@@ -63,7 +63,7 @@ std::int64_t countSharedThreads(const std::string& a, const std::string& b, stor
 
 std::string RepositoryCore::computeLinkBecause(const std::string& sourceIdentityID,
                                                const std::string& personID, store::Connection& db) {
-    const auto identity = sourceIdentityRow(sourceIdentityID, db);
+    const auto& identity = sourceIdentityRow(sourceIdentityID, db);
     if (!identity) {
         return "user confirmed";
     }
@@ -72,7 +72,7 @@ std::string RepositoryCore::computeLinkBecause(const std::string& sourceIdentity
         members.push_back(membership.sourceIdentityID);
     }
     for (const auto& member : members) {
-        const auto row = sourceIdentityRow(member, db);
+        const auto& row = sourceIdentityRow(member, db);
         if (row && row->handleNormalized == identity->handleNormalized) {
             return "same contact key";
         }
@@ -150,7 +150,7 @@ schema::LinkIdentityResponse RepositoryCore::linkIdentityCore(
     if (!sourceIdentityRow(sid, db)) {
         return refusal("", "source identity not found", Taxonomy::notFound, Status::error);
     }
-    const auto person = personRow(pid, db);
+    const auto& person = personRow(pid, db);
     if (!person || person->mergedIntoPersonID) {
         return refusal("", "person not found or absorbed", Taxonomy::notFound, Status::error);
     }
@@ -167,7 +167,7 @@ schema::LinkIdentityResponse RepositoryCore::linkIdentityCore(
         return refusal(computeLinkBecause(sid, pid, db), std::nullopt, Taxonomy::unspecified,
                        Status::belowThresholdQuestion);
     }
-    if (const auto identity = sourceIdentityRow(sid, db);
+    if (const auto& identity = sourceIdentityRow(sid, db);
         identity && isOwnerIdentity(identity->sourceType, identity->handleNormalized, db)) {
         throw IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
     }
@@ -185,7 +185,7 @@ schema::LinkIdentityResponse RepositoryCore::linkIdentityCore(
     }
 
     MergePreState snapshot;
-    if (const auto prior = activeMembershipRow(sid, db)) {
+    if (const auto& prior = activeMembershipRow(sid, db)) {
         snapshot.priorActiveMemberships.push_back(priorMembership(*prior));
     }
     snapshot.membershipPreimages = membershipRowImages({sid}, db);
@@ -204,7 +204,7 @@ schema::LinkIdentityResponse RepositoryCore::linkIdentityCore(
     db.run(kInsertLinkEvent, {eventID, pid, encodeJSON(snapshot), because, now, operationID});
     services_.projectionGeneration->bump(db);
 
-    const auto after = activeMembershipRow(sid, db);
+    const auto& after = activeMembershipRow(sid, db);
     if (!after || after->canonicalPersonID != pid) {
         return refusal(because, "post-condition failed", Taxonomy::invalidArguments, Status::error);
     }

@@ -32,7 +32,7 @@ IdentityConfirmResult RepositoryCore::confirmManualLinkCore(
         if (isOwnerIdentity(identity->sourceType, identity->handleNormalized, db)) {
             throw IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
         }
-        if (const auto membership = activeMembershipRow(identity->id, db);
+        if (const auto& membership = activeMembershipRow(identity->id, db);
             membership && personContainsOwnerIdentity(membership->canonicalPersonID, db)) {
             throw IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
         }
@@ -40,10 +40,10 @@ IdentityConfirmResult RepositoryCore::confirmManualLinkCore(
     const std::string now = currentTimestamp();
     std::optional<std::string> personA;
     std::optional<std::string> personB;
-    if (const auto membership = activeMembershipRow(a.id, db)) {
+    if (const auto& membership = activeMembershipRow(a.id, db)) {
         personA = membership->canonicalPersonID;
     }
-    if (const auto membership = activeMembershipRow(b.id, db)) {
+    if (const auto& membership = activeMembershipRow(b.id, db)) {
         personB = membership->canonicalPersonID;
     }
     std::vector<std::string> revoked;
@@ -160,7 +160,7 @@ RepositoryCore::ResolvedManualLinkSide RepositoryCore::resolveManualLinkSide(
     if (isOwnerIdentity(row.sourceType, row.handleNormalized, db)) {
         throw IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
     }
-    const auto membership = activeMembershipRow(row.id, db);
+    const auto& membership = activeMembershipRow(row.id, db);
     if (!membership) {
         return {row};
     }
@@ -187,11 +187,11 @@ std::optional<std::string> RepositoryCore::manualLinkSurvivor(
             }
             continue;
         }
-        const auto bestRow = personRow(best, db);
+        const auto& bestRow = personRow(best, db);
         if (!bestRow) {
             throw IdentityStoreError::notFound(best);
         }
-        const auto challengerRow = personRow(challenger, db);
+        const auto& challengerRow = personRow(challenger, db);
         if (!challengerRow) {
             throw IdentityStoreError::notFound(challenger);
         }

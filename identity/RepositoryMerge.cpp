@@ -85,8 +85,8 @@ std::string RepositoryCore::computeMergeBecause(const std::string& personA,
     auto identitiesOf = [&](const std::string& person) {
         std::vector<SourceIdentityRow> rows;
         for (const auto& membership : activeMembershipRows(person, db)) {
-            if (auto row = sourceIdentityRow(membership.sourceIdentityID, db)) {
-                rows.push_back(std::move(*row));
+            if (const auto& row = sourceIdentityRow(membership.sourceIdentityID, db)) {
+                rows.push_back(*row);
             }
         }
         return rows;
@@ -138,11 +138,11 @@ schema::ProposeMergeResponse RepositoryCore::proposeMergeCore(
         return refusal("", "person_id_a and person_id_b must differ", Taxonomy::invalidArguments,
                        Status::error);
     }
-    const auto survivor = personRow(a, db);
+    const auto& survivor = personRow(a, db);
     if (!survivor || survivor->mergedIntoPersonID) {
         return refusal("", "person_id_a not found or absorbed", Taxonomy::notFound, Status::error);
     }
-    const auto absorbed = personRow(b, db);
+    const auto& absorbed = personRow(b, db);
     if (!absorbed || absorbed->mergedIntoPersonID) {
         return refusal("", "person_id_b not found or absorbed", Taxonomy::notFound, Status::error);
     }
@@ -176,7 +176,7 @@ schema::ProposeMergeResponse RepositoryCore::proposeMergeCore(
     const std::string because = computeMergeBecause(a, b, db);
 
     // Everything the snapshot needs from before the merge is read before any write.
-    const auto members = activeMembershipRows(b, db);
+    const auto& members = activeMembershipRows(b, db);
     std::vector<std::string> claimsOfB;
     db.query(kClaimIDsUnordered, {b},
              [&](const store::Row& row) { claimsOfB.push_back(row.text(0)); });

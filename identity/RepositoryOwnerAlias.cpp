@@ -16,7 +16,7 @@ OwnerAliasDeclarationOutcome RepositoryCore::declareOwnerAliasCore(
     OwnerAliasDeclarationOutcome outcome;
     auto& mutation = outcome.mutation;
     for (const auto& id : sourceIdentityIDs) {
-        const auto identity = sourceIdentityRow(id, db);
+        const auto& identity = sourceIdentityRow(id, db);
         if (!identity) {
             // The caller's transaction rolls back whatever the batch declared so far.
             throw IdentityStoreError::notFound(id);

@@ -168,19 +168,20 @@ IdentityConstraintRow decodeConstraint(const store::Row& row) {
 
 RepositoryCore::RepositoryCore(host::HostServices services) : services_(std::move(services)) {}
 
-std::optional<SourceIdentityRow> RepositoryCore::sourceIdentityRow(const std::string& id,
-                                                                   store::Connection& db) {
+const std::optional<SourceIdentityRow>& RepositoryCore::sourceIdentityRow(const std::string& id,
+                                                                          store::Connection& db) {
     return memoisedRead(db, &OperationMemo::sourceIdentities, id, [&] {
         return firstRow<SourceIdentityRow>(db, kSelectSourceIdentity, {id}, decodeSourceIdentity);
     });
 }
 
-std::optional<PersonRow> RepositoryCore::personRow(const std::string& id, store::Connection& db) {
+const std::optional<PersonRow>& RepositoryCore::personRow(const std::string& id,
+                                                          store::Connection& db) {
     return memoisedRead(db, &OperationMemo::persons, id,
                         [&] { return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson); });
 }
 
-std::optional<IdentityMembershipRow> RepositoryCore::activeMembershipRow(
+const std::optional<IdentityMembershipRow>& RepositoryCore::activeMembershipRow(
     const std::string& sourceIdentityID, store::Connection& db) {
     return memoisedRead(db, &OperationMemo::activeMembershipOfIdentity, sourceIdentityID, [&] {
         return firstRow<IdentityMembershipRow>(db, kSelectActiveMembershipOfIdentity,
@@ -188,8 +189,8 @@ std::optional<IdentityMembershipRow> RepositoryCore::activeMembershipRow(
     });
 }
 
-std::vector<IdentityMembershipRow> RepositoryCore::activeMembershipRows(const std::string& personID,
-                                                                        store::Connection& db) {
+const std::vector<IdentityMembershipRow>& RepositoryCore::activeMembershipRows(
+    const std::string& personID, store::Connection& db) {
     return memoisedRead(db, &OperationMemo::activeMembershipsOfPerson, personID, [&] {
         std::vector<IdentityMembershipRow> rows;
         db.query(kSelectActiveMembershipsOfPerson, {personID},
@@ -198,8 +199,8 @@ std::vector<IdentityMembershipRow> RepositoryCore::activeMembershipRows(const st
     });
 }
 
-std::optional<MergeEventRow> RepositoryCore::mergeEventRow(const std::string& id,
-                                                           store::Connection& db) {
+const std::optional<MergeEventRow>& RepositoryCore::mergeEventRow(const std::string& id,
+                                                                  store::Connection& db) {
     return memoisedRead(db, &OperationMemo::mergeEvents, id, [&] {
         return firstRow<MergeEventRow>(db, kSelectMergeEvent, {id}, decodeMergeEvent);
     });
@@ -231,24 +232,24 @@ std::optional<MergeEventRow> RepositoryCore::latestUndoableMergeEventRow(
 
 std::optional<ResolvedPerson> RepositoryCore::resolveCanonicalPerson(
     const std::string& sourceIdentityID, store::Connection& db) {
-    const auto membership = activeMembershipRow(sourceIdentityID, db);
+    const auto& membership = activeMembershipRow(sourceIdentityID, db);
     if (!membership) {
         return std::nullopt;
     }
     auto [head, person] = absorptionChainHeadRow(membership->canonicalPersonID, db);
-    if (!person) {
+    if (person == nullptr) {
         return std::nullopt;
     }
     return ResolvedPerson{
         .personID = std::move(head),
-        .displayName = std::move(person->displayName),
+        .displayName = person->displayName,
         .membershipState = membership->state,
         .decidedBy = membership->decidedBy,
         .because = membership->because,
     };
 }
 
-std::string RepositoryCore::ownerPersonID(store::Connection& db) {
+const std::string& RepositoryCore::ownerPersonID(store::Connection& db) {
     return memoisedRead(db, &OperationMemo::ownerPerson, 0,
                         [&] { return services_.ownerEgo->personID(db); });
 }
@@ -274,7 +275,7 @@ bool RepositoryCore::personContainsOwnerIdentity(const std::string& personID,
             return true;
         }
         for (const auto& membership : activeMembershipRows(personID, db)) {
-            const auto identity = sourceIdentityRow(membership.sourceIdentityID, db);
+            const auto& identity = sourceIdentityRow(membership.sourceIdentityID, db);
             if (identity && isOwnerIdentity(identity->sourceType, identity->handleNormalized, db)) {
                 return true;
             }
@@ -292,6 +293,22 @@ std::optional<std::string> RepositoryCore::ownerAliasHandle(const std::string& p
                                                             store::Connection& db) {
     return firstRow<std::string>(db, kSelectOwnerAliasHandle, {personID},
                                  [](const store::Row& row) { return row.text(0); });
+}
+
+void OperationMemo::clear() noexcept {
+    heads.clear();
+    personPairEnds.reset();
+    personPairRows.reset();
+    personPairsByHeadOfA.reset();
+    persons.clear();
+    sourceIdentities.clear();
+    activeMembershipOfIdentity.clear();
+    activeMembershipsOfPerson.clear();
+    mergeEvents.clear();
+    ownerPerson.clear();
+    snapshots.clear();
+    ownerIdentities.clear();
+    ownerPersons.clear();
 }
 
 OperationMemo* OperationMemo::of(store::Connection& db) {
@@ -384,18 +401,18 @@ std::string RepositoryCore::scannedAbsorptionChainHead(const std::string& person
     return walkAbsorptionChain(personID, db, nullptr, false);
 }
 
-std::pair<std::string, std::optional<PersonRow>> RepositoryCore::absorptionChainHeadRow(
+std::pair<std::string, const PersonRow*> RepositoryCore::absorptionChainHeadRow(
     const std::string& personID, store::Connection& db) {
-    std::optional<std::optional<PersonRow>> last;
+    const std::optional<PersonRow>* last = nullptr;
     std::string head = walkAbsorptionChain(personID, db, &last, true);
-    if (!last) {
-        last = personRow(head, db);
+    if (last == nullptr) {
+        last = &personRow(head, db);
     }
-    return {std::move(head), std::move(*last)};
+    return {std::move(head), last->has_value() ? &**last : nullptr};
 }
 
 std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, store::Connection& db,
-                                                std::optional<std::optional<PersonRow>>* headRow,
+                                                const std::optional<PersonRow>** headRow,
                                                 bool keepRows) {
     OperationMemo* memo = OperationMemo::of(db);
     if (memo != nullptr) {
@@ -412,11 +429,11 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
         if (headRow != nullptr || (memo != nullptr && keepRows)) {
             // Within a transaction the whole row is kept (personRow memoises it):
             // the operation may ask for a person it walked through.
-            auto row = personRow(current, db);
+            const auto& row = personRow(current, db);
             exists = row.has_value();
             mergedInto = exists ? row->mergedIntoPersonID : std::nullopt;
             if (headRow != nullptr) {
-                *headRow = std::move(row);
+                *headRow = &row;
             }
         } else if (const std::optional<PersonRow>* known =
                        memo != nullptr ? memo->persons.find(db, current) : nullptr) {
@@ -453,7 +470,7 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
                     OperationMemo::Head{.id = current, .hops = kAbsorptionChainHops, .cut = true});
             }
             if (headRow != nullptr) {
-                headRow->reset();
+                *headRow = nullptr;
             }
             return current;
         }

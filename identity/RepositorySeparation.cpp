@@ -42,14 +42,14 @@ IdentityConfirmResult RepositoryCore::separateIdentityCore(const std::string& so
                                                            const std::string& subjectID,
                                                            store::Connection& db) {
     const std::string& s = sourceIdentityID;
-    const auto identity = sourceIdentityRow(s, db);
+    const auto& identity = sourceIdentityRow(s, db);
     if (!identity) {
         throw IdentityStoreError::notFound(s);
     }
     if (isOwnerIdentity(identity->sourceType, identity->handleNormalized, db)) {
         throw IdentityStoreError(IdentityStoreError::Case::ownerIdentityUnmergeable);
     }
-    const auto membership = activeMembershipRow(s, db);
+    const auto& membership = activeMembershipRow(s, db);
     if (!membership) {
         throw IdentityStoreError(IdentityStoreError::Case::cannotSeparateSoleIdentity);
     }
@@ -90,7 +90,7 @@ IdentityConfirmResult RepositoryCore::separateIdentityCore(const std::string& so
 
     // The snapshot carries what the separation added, so that its undo can take
     // the constraints back; a separation hands over no follow-ups.
-    const auto event = mergeEventRow(eventID, db);
+    const auto& event = mergeEventRow(eventID, db);
     if (!event) {
         throw IdentityStoreError(IdentityStoreError::Case::corruptRestoreMap);
     }

@@ -126,7 +126,7 @@ void verifyPostImages(const MergePreState& s, RepositoryCore& core, store::Conne
 
 UndoMergeResult RepositoryCore::undoMerge(const std::string& mergeEventID,
                                           const std::string& decidedAt, store::Connection& db) {
-    const auto event = mergeEventRow(mergeEventID, db);
+    const auto& event = mergeEventRow(mergeEventID, db);
     if (!event) {
         throw IdentityStoreError::notFound(mergeEventID);
     }
@@ -271,7 +271,7 @@ std::vector<UndoMergeResult> RepositoryCore::undoConfirmationCore(
     // snapshots are reported by their undo below, not here.
     std::set<std::string> affected;
     for (const auto& id : mergeEventIDs) {
-        const auto event = mergeEventRow(id, db);
+        const auto& event = mergeEventRow(id, db);
         if (!event) {
             continue;
         }
@@ -283,7 +283,7 @@ std::vector<UndoMergeResult> RepositoryCore::undoConfirmationCore(
 
     std::map<std::string, std::string> preBatch;
     for (const auto& identityID : affected) {
-        if (const auto membership = activeMembershipRow(identityID, db)) {
+        if (const auto& membership = activeMembershipRow(identityID, db)) {
             preBatch[identityID] = membership->canonicalPersonID;
         }
     }
@@ -310,7 +310,7 @@ void RepositoryCore::applyNoReabsorptionGuard(
         if (before == preBatchPersonIDByIdentity.end()) {
             continue;
         }
-        const auto identity = sourceIdentityRow(identityID, db);
+        const auto& identity = sourceIdentityRow(identityID, db);
         if (!identity) {
             continue;
         }

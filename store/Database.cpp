@@ -59,9 +59,60 @@ DatabaseError::DatabaseError(int code, std::string message, std::string statemen
       message_(std::move(message)),
       statement_(std::move(statement)) {}
 
+Param Param::owned() const {
+    return visit([](const auto& value) -> Param {
+        using T = std::decay_t<decltype(value)>;
+        if constexpr (std::is_same_v<T, std::string_view>) {
+            return std::string(value);
+        } else if constexpr (std::is_same_v<T, std::span<const std::string>>) {
+            return std::vector<std::string>(value.begin(), value.end());
+        } else {
+            return value;
+        }
+    });
+}
+
+Params& Params::operator=(const Params& other) {
+    if (this != &other) {
+        inline_ = other.inline_;
+        more_ = other.more_;
+        size_ = other.size_;
+    }
+    return *this;
+}
+
+Params& Params::operator=(Params&& other) noexcept {
+    if (this != &other) {
+        inline_ = std::move(other.inline_);
+        more_ = std::move(other.more_);
+        size_ = other.size_;
+        other.size_ = 0;
+        other.more_.clear();
+    }
+    return *this;
+}
+
+void Params::spill() {
+    if (more_.empty()) {
+        more_.reserve(2 * kInline);
+        for (auto& param : inline_) {
+            more_.push_back(std::move(param));
+        }
+    }
+}
+
+Params Params::owned() const {
+    Params copy;
+    for (const Param& param : values()) {
+        copy.add(param.owned());
+    }
+    return copy;
+}
+
+// Owns its text: callers pass optional fields of records they may not keep.
 Param optionalText(const std::optional<std::string>& value) {
     if (value) {
-        return *value;
+        return std::string(*value);
     }
     return nullptr;
 }
@@ -267,24 +318,28 @@ void Statement::bind(const Params& params) {
     // The parameters outlive the statement's run: every run ends in reset(), which
     // clears the bindings, before the caller's Params go away. SQLite reads the
     // text in place instead of copying it.
-    auto bindText = [&](const std::string& text) {
-        check(sqlite3_bind_text(stmt_, position++, text.data(), static_cast<int>(text.size()),
-                                SQLITE_STATIC));
+    auto bindText = [&](std::string_view text) {
+        // An empty view may have no data at all, which SQLite would bind as NULL.
+        check(sqlite3_bind_text(stmt_, position++, text.data() != nullptr ? text.data() : "",
+                                static_cast<int>(text.size()), SQLITE_STATIC));
     };
     for (const Param& param : params.values()) {
-        if (std::holds_alternative<std::nullptr_t>(param)) {
-            check(sqlite3_bind_null(stmt_, position++));
-        } else if (const auto* i = std::get_if<std::int64_t>(&param)) {
-            check(sqlite3_bind_int64(stmt_, position++, *i));
-        } else if (const auto* d = std::get_if<double>(&param)) {
-            check(sqlite3_bind_double(stmt_, position++, *d));
-        } else if (const auto* s = std::get_if<std::string>(&param)) {
-            bindText(*s);
-        } else {
-            for (const std::string& element : std::get<std::vector<std::string>>(param)) {
-                bindText(element);
+        param.visit([&](const auto& value) {
+            using T = std::decay_t<decltype(value)>;
+            if constexpr (std::is_same_v<T, std::nullptr_t>) {
+                check(sqlite3_bind_null(stmt_, position++));
+            } else if constexpr (std::is_same_v<T, std::int64_t>) {
+                check(sqlite3_bind_int64(stmt_, position++, value));
+            } else if constexpr (std::is_same_v<T, double>) {
+                check(sqlite3_bind_double(stmt_, position++, value));
+            } else if constexpr (std::is_same_v<T, std::string_view>) {
+                bindText(value);
+            } else {
+                for (const std::string& element : value) {
+                    bindText(element);
+                }
             }
-        }
+        });
     }
     if (position - 1 != sqlite3_bind_parameter_count(stmt_)) {
         throw DatabaseError(SQLITE_RANGE,

@@ -12,6 +12,7 @@
 // caller.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -21,9 +22,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <typeinfo>
 #include <unordered_map>
 #include <variant>
@@ -52,28 +55,99 @@ class DatabaseError : public std::runtime_error {
     std::string statement_;
 };
 
-// One bound parameter. A list expands to one binding per element; the caller's
-// statement text must carry one "?" per element (see placeholders()).
-using Param =
-    std::variant<std::nullptr_t, std::int64_t, double, std::string, std::vector<std::string>>;
+// One bound parameter: NULL, an integer, a real, a text, or a list of texts that
+// expands to one binding per element (the statement text must carry one "?" per
+// element, see placeholders()).
+//
+// Texts and lists given as named values (lvalues) are bound where they are, not
+// copied: a Param, and the Params holding it, must not outlive them. Every caller
+// builds its Params for the one statement it runs, within the same expression or
+// block as the values. Temporaries are moved in and owned. Use owned() to keep
+// parameters beyond that, as a recorder of statements does.
+class Param {
+  public:
+    Param() = default;
+    Param(std::nullptr_t) {}
+    template <typename T>
+    requires std::is_integral_v<T> Param(T value) : value_(static_cast<std::int64_t>(value)) {}
+    Param(double value) : value_(value) {}
+    Param(const char* text) : value_(std::string_view(text)) {}
+    Param(std::string_view text) : value_(text) {}
+    Param(const std::string& text) : value_(std::string_view(text)) {}
+    Param(std::string&& text) : value_(std::move(text)) {}
+    Param(const std::vector<std::string>& list) : value_(std::span<const std::string>(list)) {}
+    Param(std::vector<std::string>&& list) : value_(std::move(list)) {}
 
-// The parameters of one statement, bound by position in the order given.
+    // Calls fn with the value as one of std::nullptr_t, std::int64_t, double,
+    // std::string_view (a text) or std::span<const std::string> (a list), whether
+    // it is owned or not.
+    template <typename F>
+    decltype(auto) visit(F&& fn) const {
+        return std::visit(
+            [&](const auto& value) -> decltype(auto) {
+                using T = std::decay_t<decltype(value)>;
+                if constexpr (std::is_same_v<T, std::string>) {
+                    return fn(std::string_view(value));
+                } else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
+                    return fn(std::span<const std::string>(value));
+                } else {
+                    return fn(value);
+                }
+            },
+            value_);
+    }
+
+    // The same value, owning its text.
+    [[nodiscard]] Param owned() const;
+
+  private:
+    std::variant<std::nullptr_t, std::int64_t, double, std::string_view,
+                 std::span<const std::string>, std::string, std::vector<std::string>>
+        value_;
+};
+
+// The parameters of one statement, bound by position in the order given. The
+// first few are kept in place, without allocating.
 class Params {
   public:
     Params() = default;
-    Params(std::initializer_list<Param> params) : values_(params) {}
+    template <typename... T>
+    requires(sizeof...(T) > 0 &&
+             !(sizeof...(T) == 1 && (std::is_same_v<std::remove_cvref_t<T>, Params> && ...)))
+        Params(T&&... values) {
+        (add(std::forward<T>(values)), ...);
+    }
+    Params(const Params& other) { *this = other; }
+    Params& operator=(const Params& other);
+    Params(Params&& other) noexcept { *this = std::move(other); }
+    Params& operator=(Params&& other) noexcept;
 
-    // Constructs the parameter in place (a temporary variant trips GCC's
-    // maybe-uninitialized analysis at -O2).
     template <typename T>
     Params& add(T&& value) {
-        values_.emplace_back(std::forward<T>(value));
+        if (size_ < kInline) {
+            inline_[size_] = Param(std::forward<T>(value));
+        } else {
+            spill();
+            more_.emplace_back(std::forward<T>(value));
+        }
+        ++size_;
         return *this;
     }
-    [[nodiscard]] const std::vector<Param>& values() const noexcept { return values_; }
+    [[nodiscard]] std::span<const Param> values() const noexcept {
+        return size_ <= kInline ? std::span<const Param>(inline_.data(), size_)
+                                : std::span<const Param>(more_);
+    }
+    // A copy whose texts and lists are its own (see Param).
+    [[nodiscard]] Params owned() const;
 
   private:
-    std::vector<Param> values_;
+    static constexpr std::size_t kInline = 6;
+    // Moves the inline parameters to more_ once there are more than fit.
+    void spill();
+
+    std::array<Param, kInline> inline_{};
+    std::vector<Param> more_;
+    std::size_t size_ = 0;
 };
 
 // Converts optional text to a parameter: NULL when absent.
@@ -251,7 +325,8 @@ class Connection {
     // Scratch space that lives for one transaction on this connection and is
     // emptied when the transaction begins and ends: memoisation within one
     // operation, never across operations. T must be default-constructible without
-    // allocating and move-assignable. The object itself stays allocated for the
+    // allocating, and either have clear() (called to empty it) or be
+    // move-assignable (emptied by assigning T{}). The object itself stays allocated for the
     // next transaction: allocating it anew each time (it is larger than glibc's
     // small-request limit) made every operation sweep the allocator's free lists.
     template <typename T>
@@ -259,7 +334,13 @@ class Connection {
         if (transactionMemoType_ != &typeid(T)) {
             transactionMemo_ = std::make_shared<T>();
             transactionMemoType_ = &typeid(T);
-            emptyTransactionMemo_ = [](void* memo) noexcept { *static_cast<T*>(memo) = T{}; };
+            emptyTransactionMemo_ = [](void* memo) noexcept {
+                if constexpr (requires(T & t) { t.clear(); }) {
+                    static_cast<T*>(memo)->clear();
+                } else {
+                    *static_cast<T*>(memo) = T{};
+                }
+            };
         }
         transactionMemoUsed_ = true;
         return *static_cast<T*>(transactionMemo_.get());

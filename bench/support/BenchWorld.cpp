@@ -18,7 +18,7 @@ void countStatement(const std::string& sql, const store::Params& params) {
     statementCounter.fetch_add(1, std::memory_order_relaxed);
     const std::lock_guard lock(recordingMutex);
     if (recording != nullptr) {
-        recording->push_back({sql, params});
+        recording->push_back({sql, params.owned()});
     }
 }
 
