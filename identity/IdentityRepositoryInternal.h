@@ -110,11 +110,14 @@ class ReadMemo {
     // The answer already read for the key, if any.
     const Value* find(store::Connection& db, const Key& key) {
         bool stale = false;
-        for (std::size_t i = 0; i < tables_; ++i) {
-            auto& [table, changes] = seen_[i];
-            if (const auto now = db.tableChanges(table); now != changes) {
-                changes = now;
-                stale = true;
+        if (const auto rows = db.rowChanges(); rows != rowsSeen_) {
+            rowsSeen_ = rows;
+            for (std::size_t i = 0; i < tables_; ++i) {
+                auto& [table, changes] = seen_[i];
+                if (const auto now = db.tableChanges(table); now != changes) {
+                    changes = now;
+                    stale = true;
+                }
             }
         }
         if (stale && !values_.empty()) {
@@ -128,14 +131,22 @@ class ReadMemo {
 
     // Forgets everything; only between transactions.
     void clear() noexcept {
-        values_.clear();
-        retired_.clear();
-        kept_.clear();
+        if (!values_.empty()) {
+            values_.clear();
+        }
+        if (!retired_.empty()) {
+            retired_.clear();
+        }
+        if (!kept_.empty()) {
+            kept_.clear();
+        }
     }
 
   private:
     std::array<std::pair<std::string_view, std::uint64_t>, 5> seen_{};
     std::size_t tables_ = 0;
+    // The connection's rowChanges() when seen_ was last brought up to date.
+    std::uint64_t rowsSeen_ = 0;
     std::map<Key, Value> values_;
     std::vector<std::map<Key, Value>> retired_;
     std::vector<std::unique_ptr<Value>> kept_;
@@ -210,6 +221,7 @@ struct OperationMemo {
   private:
     std::uint64_t personChanges_ = 0;
     std::uint64_t constraintChanges_ = 0;
+    std::uint64_t rowsSeen_ = 0;
 };
 
 // The memoised answer of `which` for `key` within the current transaction;

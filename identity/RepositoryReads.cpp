@@ -296,7 +296,10 @@ std::optional<std::string> RepositoryCore::ownerAliasHandle(const std::string& p
 }
 
 void OperationMemo::clear() noexcept {
-    heads.clear();
+    // Clearing an unordered map wipes its buckets even when it holds nothing.
+    if (!heads.empty()) {
+        heads.clear();
+    }
     personPairEnds.reset();
     personPairRows.reset();
     personPairsByHeadOfA.reset();
@@ -306,7 +309,9 @@ void OperationMemo::clear() noexcept {
     activeMembershipsOfPerson.clear();
     mergeEvents.clear();
     ownerPerson.clear();
-    snapshots.clear();
+    if (!snapshots.empty()) {
+        snapshots.clear();
+    }
     ownerIdentities.clear();
     ownerPersons.clear();
 }
@@ -318,6 +323,11 @@ OperationMemo* OperationMemo::of(store::Connection& db) {
         return nullptr;
     }
     auto& memo = db.transactionMemo<OperationMemo>();
+    if (const auto rows = db.rowChanges(); rows == memo.rowsSeen_) {
+        return &memo;
+    } else {
+        memo.rowsSeen_ = rows;
+    }
     if (const auto changes = db.tableChanges("person"); changes != memo.personChanges_) {
         memo.personChanges_ = changes;
         memo.heads.clear();
@@ -459,7 +469,7 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
             }
             return current;
         }
-        walked.push_back(current);
+        walked.push_back(std::move(current));
         current = std::move(*mergedInto);
         if (--hopsLeft == 0) {
             // Cut off at the hop limit: only the start's answer is known, and the

@@ -72,31 +72,52 @@ Param Param::owned() const {
     });
 }
 
+Params::Params(Params&& other) noexcept {
+    *this = std::move(other);
+}
+
 Params& Params::operator=(const Params& other) {
     if (this != &other) {
-        inline_ = other.inline_;
-        more_ = other.more_;
-        size_ = other.size_;
+        clear();
+        for (const Param& param : other.values()) {
+            add(param);
+        }
     }
     return *this;
 }
 
 Params& Params::operator=(Params&& other) noexcept {
     if (this != &other) {
-        inline_ = std::move(other.inline_);
-        more_ = std::move(other.more_);
+        clear();
+        if (other.size_ <= kInline) {
+            for (std::size_t i = 0; i < other.size_; ++i) {
+                new (inlineAt(i)) Param(std::move(*other.inlineAt(i)));
+            }
+        } else {
+            more_ = std::move(other.more_);
+        }
         size_ = other.size_;
-        other.size_ = 0;
-        other.more_.clear();
+        other.clear();
     }
     return *this;
 }
 
+void Params::clear() noexcept {
+    if (size_ <= kInline) {
+        for (std::size_t i = 0; i < size_; ++i) {
+            inlineAt(i)->~Param();
+        }
+    }
+    more_.clear();
+    size_ = 0;
+}
+
 void Params::spill() {
-    if (more_.empty()) {
+    if (size_ == kInline) {
         more_.reserve(2 * kInline);
-        for (auto& param : inline_) {
-            more_.push_back(std::move(param));
+        for (std::size_t i = 0; i < kInline; ++i) {
+            more_.push_back(std::move(*inlineAt(i)));
+            inlineAt(i)->~Param();
         }
     }
 }
@@ -154,10 +175,17 @@ const std::vector<int>& Row::positions(const ColumnSet& columns) const {
 }
 
 std::optional<std::string> Row::optionalText(int index) const {
-    if (isNull(index)) {
-        return std::nullopt;
+    // SQLite answers NULL with a null pointer, which spares asking for the type
+    // first; only then is the type asked, as a failed conversion looks the same.
+    const auto* data = sqlite3_column_text(stmt_, index);
+    if (data == nullptr) {
+        if (isNull(index)) {
+            return std::nullopt;
+        }
+        return std::string();
     }
-    return text(index);
+    return std::string(reinterpret_cast<const char*>(data),
+                       static_cast<std::size_t>(sqlite3_column_bytes(stmt_, index)));
 }
 
 int Row::indexOf(std::string_view column) const {
@@ -426,6 +454,7 @@ Connection::Connection(const std::filesystem::path& path, int openFlags, const c
 }
 
 void Connection::onUpdate(void* self, int, const char*, const char* table, sqlite3_int64) {
+    ++static_cast<Connection*>(self)->rowChanges_;
     auto& changes = static_cast<Connection*>(self)->tableChanges_;
     for (auto& [name, count] : changes) {
         if (name == table) {

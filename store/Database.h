@@ -16,11 +16,13 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -110,22 +112,27 @@ class Param {
 // first few are kept in place, without allocating.
 class Params {
   public:
-    Params() = default;
+    Params() noexcept {}
     template <typename... T>
     requires(sizeof...(T) > 0 &&
              !(sizeof...(T) == 1 && (std::is_same_v<std::remove_cvref_t<T>, Params> && ...)))
         Params(T&&... values) {
         (add(std::forward<T>(values)), ...);
     }
-    Params(const Params& other) { *this = other; }
+    Params(const Params& other) {
+        for (const Param& param : other.values()) {
+            add(param);
+        }
+    }
+    Params(Params&& other) noexcept;
     Params& operator=(const Params& other);
-    Params(Params&& other) noexcept { *this = std::move(other); }
     Params& operator=(Params&& other) noexcept;
+    ~Params() { clear(); }
 
     template <typename T>
     Params& add(T&& value) {
         if (size_ < kInline) {
-            inline_[size_] = Param(std::forward<T>(value));
+            new (inlineAt(size_)) Param(std::forward<T>(value));
         } else {
             spill();
             more_.emplace_back(std::forward<T>(value));
@@ -134,7 +141,7 @@ class Params {
         return *this;
     }
     [[nodiscard]] std::span<const Param> values() const noexcept {
-        return size_ <= kInline ? std::span<const Param>(inline_.data(), size_)
+        return size_ <= kInline ? std::span<const Param>(inlineAt(0), size_)
                                 : std::span<const Param>(more_);
     }
     // A copy whose texts and lists are its own (see Param).
@@ -142,10 +149,19 @@ class Params {
 
   private:
     static constexpr std::size_t kInline = 6;
+    Param* inlineAt(std::size_t i) noexcept {
+        return std::launder(reinterpret_cast<Param*>(inline_)) + i;
+    }
+    const Param* inlineAt(std::size_t i) const noexcept {
+        return std::launder(reinterpret_cast<const Param*>(inline_)) + i;
+    }
     // Moves the inline parameters to more_ once there are more than fit.
     void spill();
+    void clear() noexcept;
 
-    std::array<Param, kInline> inline_{};
+    // Up to kInline parameters live here, constructed in order; past that, all
+    // of them live in more_.
+    alignas(Param) std::byte inline_[kInline * sizeof(Param)];
     std::vector<Param> more_;
     std::size_t size_ = 0;
 };
@@ -321,6 +337,9 @@ class Connection {
     // opened, as SQLite's update hook reports them. Readers use it to tell whether
     // something they memoised within a transaction may have changed.
     [[nodiscard]] std::uint64_t tableChanges(std::string_view table) const noexcept;
+    // Rows changed in any table since the connection opened: while it stays the
+    // same, so does every tableChanges().
+    [[nodiscard]] std::uint64_t rowChanges() const noexcept { return rowChanges_; }
 
     // Scratch space that lives for one transaction on this connection and is
     // emptied when the transaction begins and ends: memoisation within one
@@ -376,6 +395,7 @@ class Connection {
     int statementsInTransaction_ = 0;
     std::uint64_t statementCount_ = 0;
     std::vector<std::pair<std::string, std::uint64_t>> tableChanges_;
+    std::uint64_t rowChanges_ = 0;
     std::shared_ptr<void> transactionMemo_;
     const std::type_info* transactionMemoType_ = nullptr;
     void (*emptyTransactionMemo_)(void*) noexcept = nullptr;

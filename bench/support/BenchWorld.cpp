@@ -13,9 +13,15 @@ namespace {
 std::atomic<std::uint64_t> statementCounter{0};
 std::mutex recordingMutex;
 std::vector<RecordedStatement>* recording = nullptr;
+// Set while a recording is alive, so that counting alone takes no lock: the
+// counter runs inside every timed call of the library.
+std::atomic<bool> recordingAlive{false};
 
 void countStatement(const std::string& sql, const store::Params& params) {
     statementCounter.fetch_add(1, std::memory_order_relaxed);
+    if (!recordingAlive.load(std::memory_order_acquire)) {
+        return;
+    }
     const std::lock_guard lock(recordingMutex);
     if (recording != nullptr) {
         recording->push_back({sql, params.owned()});
@@ -79,10 +85,12 @@ StatementRecording::StatementRecording() {
     statementsRun();
     const std::lock_guard lock(recordingMutex);
     recording = new std::vector<RecordedStatement>();
+    recordingAlive.store(true, std::memory_order_release);
 }
 
 StatementRecording::~StatementRecording() {
     const std::lock_guard lock(recordingMutex);
+    recordingAlive.store(false, std::memory_order_release);
     delete recording;
     recording = nullptr;
 }
