@@ -11,6 +11,7 @@
 // DatabaseError.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -35,6 +36,10 @@ template <typename... Parts>
 
 // Now, as ISO 8601 UTC with whole seconds and "Z".
 [[nodiscard]] std::string nowTimestamp();
+
+// A time as the store writes it: ISO 8601 UTC with whole seconds and "Z"
+// (2026-11-16T20:20:49Z). Throws std::out_of_range outside the years 0000 to 9999.
+[[nodiscard]] std::string timestampText(std::chrono::sys_seconds time);
 
 // The person that represents the user.
 class OwnerEgoProjection {

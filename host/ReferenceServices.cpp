@@ -2,7 +2,6 @@
 #include <uuid/uuid.h>
 
 #include <array>
-#include <ctime>
 #include <stdexcept>
 
 #include "host/HostServices.h"
@@ -49,15 +48,42 @@ std::string newUUID() {
     return std::string(text.data());
 }
 
-std::string nowTimestamp() {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    if (gmtime_r(&now, &utc) == nullptr) {
-        throw std::runtime_error("cannot convert the current time to UTC");
+std::string timestampText(std::chrono::sys_seconds time) {
+    using namespace std::chrono;
+    const sys_days day = floor<days>(time);
+    const year_month_day date{day};
+    const hh_mm_ss clock{time - day};
+    const int year = static_cast<int>(date.year());
+    if (year < 0 || year > 9999) {
+        throw std::out_of_range("a timestamp needs a year from 0000 to 9999, not " +
+                                std::to_string(year));
     }
-    std::array<char, 32> text{};
-    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return std::string(text.data(), length);
+    std::string text = "0000-00-00T00:00:00Z";
+    auto put = [&](std::size_t at, unsigned value, std::size_t digits) {
+        for (std::size_t i = digits; i-- > 0; value /= 10) {
+            text[at + i] = static_cast<char>('0' + value % 10);
+        }
+    };
+    put(0, static_cast<unsigned>(year), 4);
+    put(5, static_cast<unsigned>(date.month()), 2);
+    put(8, static_cast<unsigned>(date.day()), 2);
+    put(11, static_cast<unsigned>(clock.hours().count()), 2);
+    put(14, static_cast<unsigned>(clock.minutes().count()), 2);
+    put(17, static_cast<unsigned>(clock.seconds().count()), 2);
+    return text;
+}
+
+std::string nowTimestamp() {
+    // Corrections stamp several steps within the same second: the text of the
+    // last second asked for is kept per thread.
+    thread_local std::chrono::sys_seconds last{};
+    thread_local std::string text;
+    const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+    if (text.empty() || now != last) {
+        text = timestampText(now);
+        last = now;
+    }
+    return text;
 }
 
 namespace {

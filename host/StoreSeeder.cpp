@@ -1,6 +1,7 @@
 #include "host/StoreSeeder.h"
 
-#include <cstdio>
+#include "host/HostServices.h"
+
 #include <stdexcept>
 #include <utility>
 
@@ -27,22 +28,7 @@ void required(const std::string& value, const char* table, const char* column) {
 }  // namespace
 
 std::string timestamp(std::chrono::sys_seconds time) {
-    using namespace std::chrono;
-    const sys_days day = floor<days>(time);
-    const year_month_day date{day};
-    const hh_mm_ss clock{time - day};
-    const int year = static_cast<int>(date.year());
-    if (year < 0 || year > 9999) {
-        throw std::out_of_range("a timestamp needs a year from 0000 to 9999, not " +
-                                std::to_string(year));
-    }
-    char text[24];
-    std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", year,
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                  static_cast<int>(clock.hours().count()),
-                  static_cast<int>(clock.minutes().count()),
-                  static_cast<int>(clock.seconds().count()));
-    return text;
+    return host::timestampText(time);
 }
 
 void insert(store::Connection& db, Person row) {

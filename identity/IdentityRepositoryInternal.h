@@ -191,9 +191,9 @@ struct OperationMemo {
     ReadMemo<std::string, std::optional<MergeEventRow>> mergeEvents{"merge_event"};
     ReadMemo<int, std::string> ownerPerson{"owner_ego"};
     // Snapshots decoded within the operation, by merge event, with the text each
-    // was decoded from (null: not decodable).
+    // was decoded from (null: not decodable), in the memoised event row.
     struct DecodedSnapshot {
-        std::string text;
+        const std::string* text;
         std::shared_ptr<const MergePreState> snapshot;
     };
     std::unordered_map<std::string, DecodedSnapshot> snapshots;
@@ -277,7 +277,8 @@ class RepositoryCore {
                                                                    store::Connection& db);
     const std::optional<MergeEventRow>& mergeEventRow(const std::string& id, store::Connection& db);
     // The event's snapshot, decoded once per transaction (as long as its text is
-    // unchanged); null when it cannot be decoded.
+    // unchanged); null when it cannot be decoded. event must be the row that
+    // mergeEventRow gave within this transaction.
     std::shared_ptr<const MergePreState> decodedSnapshot(const MergeEventRow& event,
                                                          store::Connection& db);
     // The newest unreversed event naming the person as survivor or absorbed; ties

@@ -210,8 +210,12 @@ std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const Merge
                                                                      store::Connection& db) {
     OperationMemo* memo = OperationMemo::of(db);
     if (memo != nullptr) {
+        // The text decoded before is a memoised row's, alive until the transaction
+        // ends: the same row is recognised by its address, a row read again after
+        // a write by its text.
         if (const auto it = memo->snapshots.find(event.id);
-            it != memo->snapshots.end() && it->second.text == event.preMergeStateJSON) {
+            it != memo->snapshots.end() && (it->second.text == &event.preMergeStateJSON ||
+                                            *it->second.text == event.preMergeStateJSON)) {
             return it->second.snapshot;
         }
     }
@@ -219,7 +223,7 @@ std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const Merge
     std::shared_ptr<const MergePreState> snapshot =
         decoded ? std::make_shared<const MergePreState>(std::move(*decoded)) : nullptr;
     if (memo != nullptr) {
-        memo->snapshots[event.id] = {event.preMergeStateJSON, snapshot};
+        memo->snapshots[event.id] = {&event.preMergeStateJSON, snapshot};
     }
     return snapshot;
 }

@@ -2,6 +2,7 @@
 
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/HostServices.h"
@@ -30,6 +31,20 @@ TEST(DerivedIdentifiers, StableIDMatchesKnownDigestsAndFreshValuesAreWellFormed)
         << uuid;
     EXPECT_NE(uuid, newUUID());
     EXPECT_TRUE(std::regex_match(nowTimestamp(), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
+}
+
+TEST(HostServices, NowIsTheCurrentSecondAlsoAfterTheSecondsPass) {
+    using namespace std::chrono;
+    // The text of one second is kept: it must move on with the clock.
+    for (int i = 0; i < 3; ++i) {
+        const auto before = floor<seconds>(system_clock::now());
+        const std::string now = nowTimestamp();
+        const auto after = floor<seconds>(system_clock::now());
+        EXPECT_TRUE(now == timestampText(before) || now == timestampText(after)) << now;
+        if (i < 2) {
+            std::this_thread::sleep_for(milliseconds(600));
+        }
+    }
 }
 
 // One row per table, naming only the columns every writer is guaranteed to know.

@@ -158,6 +158,67 @@ TEST(Statements, BindListsAndNullsReadByNameAndReenterFromARowCallback) {
     });
 }
 
+// Every parameter of a statement, read back in order as text (NULL as "NULL").
+std::vector<std::string> echo(Connection& db, const Params& params) {
+    std::string sql = "SELECT ";
+    for (std::size_t i = 0; i < params.values().size(); ++i) {
+        params.values()[i].visit([&](const auto& value) {
+            using T = std::decay_t<decltype(value)>;
+            if constexpr (std::is_same_v<T, std::span<const std::string>>) {
+                sql += placeholders(value.size());
+            } else {
+                sql += "?";
+            }
+        });
+        sql += i + 1 < params.values().size() ? ", " : "";
+    }
+    std::vector<std::string> out;
+    db.query(sql, params, [&](const Row& row) {
+        for (int c = 0; c < row.columnCount(); ++c) {
+            out.push_back(row.isNull(c) ? "NULL" : row.text(c));
+        }
+    });
+    return out;
+}
+
+TEST(Statements, ParametersBindInOrderWhetherKeptInPlaceSpilledCopiedOrOwned) {
+    TempDir dir;
+    auto pool = openFresh(dir.path() / "p.db", std::nullopt);
+    pool->write([](Connection& db) {
+        const std::string named(40, 'n');  // longer than any small-string buffer
+        const std::vector<std::string> list{"l1", "l2"};
+        const std::vector<std::string> expected{
+            named, std::string(40, 't'), "7", "l1", "l2", "NULL", "", "lit", "2.5", "", "9"};
+        auto make = [&] {
+            return Params{named,   std::string(40, 't'), 7,     list,
+                          nullptr, std::string_view{},   "lit", 2.5,
+                          "",      std::int64_t{9}};
+        };
+        // Ten parameters: more than fit in place.
+        const Params params = make();
+        EXPECT_EQ(echo(db, params), expected);
+        Params copied(params);
+        Params moved(make());
+        EXPECT_EQ(echo(db, copied), expected);
+        EXPECT_EQ(echo(db, moved), expected);
+        moved = copied;
+        EXPECT_EQ(echo(db, moved), expected);
+        const Params few{named, 1};
+        Params assigned;
+        assigned = few;
+        EXPECT_EQ(echo(db, assigned), (std::vector<std::string>{named, "1"}));
+
+        // Named values are bound where they are, so a statement recorder keeps an
+        // owned copy: it must not change with them.
+        std::string changing = "before";
+        std::vector<std::string> changingList{"a"};
+        const Params kept = Params{changing, changingList}.owned();
+        changing = "after, and long enough to leave the old buffer behind";
+        changingList = {"b"};
+        EXPECT_EQ(echo(db, kept), (std::vector<std::string>{"before", "a"}));
+    });
+}
+
 TEST(FaultSeam, FailsTheNthStatementOnceAndRollsBack) {
     TempDir dir;
     auto pool = openFresh(dir.path() / "f.db", std::nullopt);
