@@ -172,6 +172,8 @@ struct OperationMemo {
         bool cut = false;
     };
     std::unordered_map<std::string, Head> heads;
+    // The buckets of heads kept allocated from one transaction to the next.
+    static constexpr std::size_t kHeadBucketsKept = 256;
     // (a_id, b_id) of the live person-person constraints.
     std::optional<std::vector<std::pair<std::string, std::string>>> personPairEnds;
     // (id, a_id, b_id) of the same rows.

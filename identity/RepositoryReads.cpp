@@ -300,8 +300,12 @@ std::optional<std::string> RepositoryCore::ownerAliasHandle(const std::string& p
 }
 
 void OperationMemo::clear() noexcept {
-    // Clearing an unordered map wipes its buckets even when it holds nothing.
-    if (!heads.empty()) {
+    // Clearing an unordered map wipes all its buckets, even when it holds nothing,
+    // and keeps them: after a scan that walked thousands of persons, every later
+    // clear would wipe thousands of buckets. Such a table is let go instead.
+    if (heads.bucket_count() > kHeadBucketsKept) {
+        std::unordered_map<std::string, Head>().swap(heads);
+    } else if (!heads.empty()) {
         heads.clear();
     }
     personPairEnds.reset();
