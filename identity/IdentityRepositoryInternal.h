@@ -7,9 +7,11 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <map>
+#include <memory_resource>
 #include <memory>
 #include <optional>
 #include <set>
@@ -74,9 +76,27 @@ inline constexpr int kAbsorptionChainHops = 20;
 
 class RepositoryCore;
 
+// Text the operation memo keeps, allocated from its arena.
+using MemoString = std::pmr::string;
+
+// Hashes and compares any kind of text, so that a table keyed by MemoString is
+// searched with a std::string or a view, without a copy.
+struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const noexcept {
+        return std::hash<std::string_view>{}(text);
+    }
+};
+struct TextEqual {
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const noexcept { return a == b; }
+};
+template <typename Value>
+using TextMap = std::pmr::unordered_map<MemoString, Value, TextHash, TextEqual>;
+
 // The b ends of the live person-person "different" constraints, filed by the
 // absorption head of their a end.
-using PersonPairIndex = std::unordered_map<std::string, std::vector<std::string>>;
+using PersonPairIndex = TextMap<std::pmr::vector<MemoString>>;
 
 // The answers of one kind of read by key, kept until the transaction writes one
 // of the tables the read depends on (as the connection's update hook counts
@@ -159,28 +179,46 @@ class ReadMemo {
 // forgotten as soon as the transaction writes the table it came from, except
 // where the writer tells the memo what it wrote (personAbsorbed, unrelatedWrite).
 struct OperationMemo {
+  private:
+    // What the tables of heads and constraint ends allocate comes from here: a
+    // block of the memo's own, then larger blocks for a large operation, all let
+    // go at once when the transaction ends. A scan of thousands of constraints
+    // then costs no allocation per row, and leaves no thousands of small blocks
+    // for the allocator to sweep up during the next operation.
+    static constexpr std::size_t kArenaBlock = 48 * 1024;
+    alignas(std::max_align_t) std::array<std::byte, kArenaBlock> arenaBlock_;
+    std::pmr::monotonic_buffer_resource arena_{arenaBlock_.data(), arenaBlock_.size()};
+
+  public:
+    OperationMemo() = default;
+    OperationMemo(const OperationMemo&) = delete;
+    OperationMemo& operator=(const OperationMemo&) = delete;
+
     // The memo of the connection's current transaction, cleared of whatever the
     // transaction has written since; null outside a transaction.
     static OperationMemo* of(store::Connection& db);
+
+    std::pmr::memory_resource* arena() noexcept { return &arena_; }
+    // A text kept in the arena.
+    MemoString text(std::string_view value) { return MemoString(value, &arena_); }
 
     // Where the walk from a person ends: its head, the hops taken, and whether
     // the walk was cut off at the hop limit instead of reaching a person that was
     // not absorbed (or does not exist).
     struct Head {
-        std::string id;
+        MemoString id;
         int hops = 0;
         bool cut = false;
     };
-    std::unordered_map<std::string, Head> heads;
-    // The buckets of heads kept allocated from one transaction to the next.
-    static constexpr std::size_t kHeadBucketsKept = 256;
+    TextMap<Head> heads{&arena_};
     // (a_id, b_id) of the live person-person constraints.
-    std::optional<std::vector<std::pair<std::string, std::string>>> personPairEnds;
+    using PersonPairEnds = std::pmr::vector<std::pair<MemoString, MemoString>>;
+    std::optional<PersonPairEnds> personPairEnds;
     // (id, a_id, b_id) of the same rows.
     struct PersonPairRow {
-        std::string id, a, b;
+        MemoString id, a, b;
     };
-    std::optional<std::vector<PersonPairRow>> personPairRows;
+    std::optional<std::pmr::vector<PersonPairRow>> personPairRows;
     // personPairEnds filed by the head of their a end.
     std::optional<PersonPairIndex> personPairsByHeadOfA;
 
@@ -238,10 +276,10 @@ const Value& memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationM
     return (db.transactionMemo<OperationMemo>().*which).keep(read());
 }
 
-// Files each (a_id, b_id) under the head of a_id. Resolves every a end, none of
-// the b ends.
-PersonPairIndex indexByHeadOfA(const std::vector<std::pair<std::string, std::string>>& ends,
-                               RepositoryCore& core, store::Connection& db);
+// Files each (a_id, b_id) under the head of a_id, in memory from resource.
+// Resolves every a end, none of the b ends.
+PersonPairIndex indexByHeadOfA(const OperationMemo::PersonPairEnds& ends, RepositoryCore& core,
+                               store::Connection& db, std::pmr::memory_resource* resource);
 
 // Answers hasDifferentConstraint for pairs of persons, many times within one
 // transaction: the live person-person constraints are scanned and the heads of
@@ -319,7 +357,7 @@ class RepositoryCore {
     std::string absorptionChainHead(const std::string& personID, store::Connection& db);
     // The same head, for the many walks of a constraint scan: reads only where
     // each person went and keeps no row (a row already kept is used).
-    std::string scannedAbsorptionChainHead(const std::string& personID, store::Connection& db);
+    std::string scannedAbsorptionChainHead(std::string_view personID, store::Connection& db);
     // The head and its row: the row the walk ended on, read again only when the
     // walk did not read it (a head known from earlier in the transaction, or one
     // reached at the hop limit). Null row: the head person does not exist. The row
@@ -563,7 +601,7 @@ class RepositoryCore {
     // every row read in turn, so that it ends at the head's (empty: the head does
     // not exist); it is null when the head's row was not read. keepRows: whole
     // rows are read through personRow inside a transaction.
-    std::string walkAbsorptionChain(const std::string& personID, store::Connection& db,
+    std::string walkAbsorptionChain(std::string_view personID, store::Connection& db,
                                     const std::optional<PersonRow>** headRow, bool keepRows);
 
     host::HostServices services_;

@@ -81,14 +81,28 @@ bool pairedThrough(const PersonPairIndex& index, const std::string& head, const 
 
 }  // namespace
 
-PersonPairIndex indexByHeadOfA(const std::vector<std::pair<std::string, std::string>>& ends,
-                               RepositoryCore& core, store::Connection& db) {
-    PersonPairIndex index;
+PersonPairIndex indexByHeadOfA(const OperationMemo::PersonPairEnds& ends, RepositoryCore& core,
+                               store::Connection& db, std::pmr::memory_resource* resource) {
+    PersonPairIndex index(resource);
     for (const auto& [a, b] : ends) {
-        index[core.scannedAbsorptionChainHead(a, db)].push_back(b);
+        index[MemoString(core.scannedAbsorptionChainHead(a, db), resource)].push_back(b);
     }
     return index;
 }
+
+namespace {
+
+// The (a_id, b_id) of every live person-person constraint, in memory from resource.
+OperationMemo::PersonPairEnds livePersonPairEnds(store::Connection& db,
+                                                 std::pmr::memory_resource* resource) {
+    OperationMemo::PersonPairEnds ends(resource);
+    db.query(kLivePersonPairEnds, {}, [&](const store::Row& row) {
+        ends.emplace_back(row.view(0), row.view(1));
+    });
+    return ends;
+}
+
+}  // namespace
 
 bool PersonDifferenceIndex::differ(const std::string& personA, const std::string& personB) {
     const std::string headA = core_.absorptionChainHead(personA, db_);
@@ -102,10 +116,8 @@ bool PersonDifferenceIndex::differ(const std::string& personA, const std::string
                                             ConstraintSubjectType::person, headB, db_);
     }
     if (!index_) {
-        std::vector<std::pair<std::string, std::string>> ends;
-        db_.query(kLivePersonPairEnds, {},
-                  [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
-        index_ = indexByHeadOfA(ends, core_, db_);
+        const auto ends = livePersonPairEnds(db_, std::pmr::get_default_resource());
+        index_ = indexByHeadOfA(ends, core_, db_, std::pmr::get_default_resource());
     }
     return pairedThrough(*index_, headA, headB, core_, db_) ||
            pairedThrough(*index_, headB, headA, core_, db_);
@@ -129,14 +141,11 @@ bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const s
     }
     if (!memo->personPairsByHeadOfA) {
         if (!memo->personPairEnds) {
-            std::vector<std::pair<std::string, std::string>> ends;
-            db.query(kLivePersonPairEnds, {},
-                     [&](const store::Row& row) { ends.emplace_back(row.text(0), row.text(1)); });
-            memo->personPairEnds = std::move(ends);
+            memo->personPairEnds = livePersonPairEnds(db, memo->arena());
         }
         // Heads are resolved after the scan so that no statement runs inside its
         // row loop.
-        auto index = indexByHeadOfA(*memo->personPairEnds, *this, db);
+        auto index = indexByHeadOfA(*memo->personPairEnds, *this, db, memo->arena());
         memo = OperationMemo::of(db);
         memo->personPairsByHeadOfA = std::move(index);
     }
@@ -172,32 +181,29 @@ std::vector<std::string> RepositoryCore::livePersonPairDifferentConstraintIDs(
     if (headA == headB) {
         return {};
     }
-    struct Candidate {
-        std::string id, a, b;
-    };
-    std::vector<Candidate> candidates;
-    if (OperationMemo* memo = OperationMemo::of(db); memo != nullptr && memo->personPairRows) {
-        for (const auto& row : *memo->personPairRows) {
-            candidates.push_back({row.id, row.a, row.b});
-        }
-    } else {
+    // The rows come from the memo when the operation read them already.
+    OperationMemo* memo = OperationMemo::of(db);
+    std::optional<std::pmr::vector<OperationMemo::PersonPairRow>> read;
+    if (memo == nullptr || !memo->personPairRows) {
+        std::pmr::memory_resource* resource =
+            memo != nullptr ? memo->arena() : std::pmr::get_default_resource();
+        read.emplace(resource);
         db.query(kLivePersonPairRows, {}, [&](const store::Row& row) {
-            candidates.push_back({row.text(0), row.text(1), row.text(2)});
+            read->push_back({MemoString(row.view(0), resource), MemoString(row.view(1), resource),
+                             MemoString(row.view(2), resource)});
         });
         if (memo != nullptr) {
-            memo->personPairRows.emplace();
-            for (const auto& c : candidates) {
-                memo->personPairRows->push_back({c.id, c.a, c.b});
-            }
+            memo->personPairRows = std::move(read);
         }
     }
+    const auto& candidates = memo != nullptr ? *memo->personPairRows : *read;
     // A b end is resolved only when the a end matched one of the heads.
     std::vector<std::string> ids;
     for (const auto& c : candidates) {
         const std::string x = scannedAbsorptionChainHead(c.a, db);
         if ((x == headA || x == headB) &&
             samePair(x, scannedAbsorptionChainHead(c.b, db), headA, headB)) {
-            ids.push_back(c.id);
+            ids.emplace_back(c.id);
         }
     }
     return ids;

@@ -300,14 +300,9 @@ std::optional<std::string> RepositoryCore::ownerAliasHandle(const std::string& p
 }
 
 void OperationMemo::clear() noexcept {
-    // Clearing an unordered map wipes all its buckets, even when it holds nothing,
-    // and keeps them: after a scan that walked thousands of persons, every later
-    // clear would wipe thousands of buckets. Such a table is let go instead.
-    if (heads.bucket_count() > kHeadBucketsKept) {
-        std::unordered_map<std::string, Head>().swap(heads);
-    } else if (!heads.empty()) {
-        heads.clear();
-    }
+    // The arena's tables let go of its memory before the arena starts over (a
+    // cleared table would keep its buckets there).
+    TextMap<Head>(&arena_).swap(heads);
     personPairEnds.reset();
     personPairRows.reset();
     personPairsByHeadOfA.reset();
@@ -322,6 +317,7 @@ void OperationMemo::clear() noexcept {
     }
     ownerIdentities.clear();
     ownerPersons.clear();
+    arena_.release();
 }
 
 OperationMemo* OperationMemo::of(store::Connection& db) {
@@ -368,20 +364,22 @@ void OperationMemo::personAbsorbed(store::Connection& db, const std::string& sur
     }
     // Only a head known to the memo can be carried over: had the absorbed person
     // been absorbed already, walks that went through it would change too.
-    if (const auto it = heads.find(absorbed);
-        it == heads.end() || it->second.id != absorbed || it->second.hops != 0) {
+    if (const auto it = heads.find(absorbed); it == heads.end() ||
+                                              std::string_view(it->second.id) != absorbed ||
+                                              it->second.hops != 0) {
         return;
     }
     ++personChanges_;
     const auto it = heads.find(survivor);
-    const bool survivorIsHead =
-        it != heads.end() && it->second.id == survivor && it->second.hops == 0;
+    const bool survivorIsHead = it != heads.end() &&
+                                std::string_view(it->second.id) == survivor &&
+                                it->second.hops == 0;
     // A walk that ended at the absorbed person by itself now takes one more hop,
     // to the survivor, where it ends (or is cut off, on the last hop allowed). A
     // walk cut off at the absorbed person is unchanged.
     for (auto entry = heads.begin(); entry != heads.end();) {
         Head& head = entry->second;
-        if (head.id != absorbed || head.cut) {
+        if (std::string_view(head.id) != absorbed || head.cut) {
             ++entry;
         } else if (!survivorIsHead) {
             entry = heads.erase(entry);
@@ -396,7 +394,7 @@ void OperationMemo::personAbsorbed(store::Connection& db, const std::string& sur
     if (personPairsByHeadOfA) {
         personPairsByHeadOfA.reset();
         if (personPairEnds) {
-            PersonPairIndex index;
+            PersonPairIndex index(&arena_);
             for (const auto& [a, b] : *personPairEnds) {
                 const auto x = heads.find(a);
                 if (x == heads.end()) {
@@ -414,7 +412,7 @@ std::string RepositoryCore::absorptionChainHead(const std::string& personID,
     return walkAbsorptionChain(personID, db, nullptr, true);
 }
 
-std::string RepositoryCore::scannedAbsorptionChainHead(const std::string& personID,
+std::string RepositoryCore::scannedAbsorptionChainHead(std::string_view personID,
                                                        store::Connection& db) {
     return walkAbsorptionChain(personID, db, nullptr, false);
 }
@@ -429,17 +427,17 @@ std::pair<std::string, const PersonRow*> RepositoryCore::absorptionChainHeadRow(
     return {std::move(head), last->has_value() ? &**last : nullptr};
 }
 
-std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, store::Connection& db,
+std::string RepositoryCore::walkAbsorptionChain(std::string_view personID, store::Connection& db,
                                                 const std::optional<PersonRow>** headRow,
                                                 bool keepRows) {
     OperationMemo* memo = OperationMemo::of(db);
     if (memo != nullptr) {
         if (const auto it = memo->heads.find(personID); it != memo->heads.end()) {
-            return it->second.id;
+            return std::string(it->second.id);
         }
     }
     std::vector<std::string> walked;
-    std::string current = personID;
+    std::string current(personID);
     int hopsLeft = kAbsorptionChainHops;
     while (true) {
         bool exists = false;
@@ -470,10 +468,12 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
             if (memo != nullptr) {
                 const int hops = static_cast<int>(walked.size());
                 for (int i = 0; i < hops; ++i) {
-                    memo->heads.emplace(std::move(walked[i]),
-                                        OperationMemo::Head{.id = current, .hops = hops - i});
+                    memo->heads.emplace(
+                        memo->text(walked[i]),
+                        OperationMemo::Head{.id = memo->text(current), .hops = hops - i});
                 }
-                memo->heads.emplace(current, OperationMemo::Head{.id = current});
+                memo->heads.emplace(memo->text(current),
+                                    OperationMemo::Head{.id = memo->text(current)});
             }
             return current;
         }
@@ -483,9 +483,10 @@ std::string RepositoryCore::walkAbsorptionChain(const std::string& personID, sto
             // Cut off at the hop limit: only the start's answer is known, and the
             // row reached was not read.
             if (memo != nullptr) {
-                memo->heads.emplace(
-                    personID,
-                    OperationMemo::Head{.id = current, .hops = kAbsorptionChainHops, .cut = true});
+                memo->heads.emplace(memo->text(personID),
+                                    OperationMemo::Head{.id = memo->text(current),
+                                                        .hops = kAbsorptionChainHops,
+                                                        .cut = true});
             }
             if (headRow != nullptr) {
                 *headRow = nullptr;

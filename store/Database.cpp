@@ -246,6 +246,15 @@ std::string Row::text(int index) const {
                        static_cast<std::size_t>(sqlite3_column_bytes(stmt_, index)));
 }
 
+std::string_view Row::view(int index) const {
+    const auto* data = sqlite3_column_text(stmt_, index);
+    if (data == nullptr) {
+        return {};
+    }
+    return {reinterpret_cast<const char*>(data),
+            static_cast<std::size_t>(sqlite3_column_bytes(stmt_, index))};
+}
+
 std::int64_t Row::integer(int index) const {
     return sqlite3_column_int64(stmt_, index);
 }

@@ -225,6 +225,9 @@ class Row {
     [[nodiscard]] int columnCount() const;
     [[nodiscard]] bool isNull(int index) const;
     [[nodiscard]] std::string text(int index) const;
+    // The text of a column where SQLite keeps it: valid until the statement steps
+    // again or ends. NULL reads as the empty string.
+    [[nodiscard]] std::string_view view(int index) const;
     [[nodiscard]] std::int64_t integer(int index) const;
     [[nodiscard]] double real(int index) const;
 
