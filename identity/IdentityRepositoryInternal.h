@@ -83,7 +83,9 @@ using MemoString = std::pmr::string;
 // searched with a std::string or a view, without a copy.
 struct TextHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view text) const noexcept {
+    // Deliberately not noexcept: libstdc++ then keeps each key's hash in its node,
+    // instead of hashing the keys again while it walks a bucket or rehashes.
+    std::size_t operator()(std::string_view text) const {
         return std::hash<std::string_view>{}(text);
     }
 };
