@@ -1,7 +1,13 @@
 #include <openssl/evp.h>
+#include <pthread.h>
+#include <sys/random.h>
 #include <uuid/uuid.h>
 
 #include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
 #include <stdexcept>
 
 #include "host/HostServices.h"
@@ -40,9 +46,61 @@ std::string stableIDOf(const std::vector<std::string_view>& parts) {
     return id;
 }
 
+namespace {
+
+// Random bytes for identifiers, drawn from the kernel a few hundred at a time and
+// each handed out once. libuuid's own generator seeds and cranks the C library's
+// random() on every call, which cost more than a whole correction's statements.
+// A forked child must not hand out its parent's remaining bytes: the fork
+// generation makes every thread's buffer stale in the child.
+std::atomic<std::uint64_t> forkGeneration{0};
+
+void drawRandom(unsigned char* out, std::size_t length) {
+    struct Buffer {
+        std::array<unsigned char, 512> bytes{};
+        std::size_t used = 512;
+        std::uint64_t generation = 0;
+    };
+    static std::once_flag atFork;
+    std::call_once(atFork, [] {
+        (void)pthread_atfork(nullptr, nullptr, [] { forkGeneration.fetch_add(1); });
+    });
+    thread_local Buffer buffer;
+    const auto generation = forkGeneration.load();
+    if (buffer.generation != generation) {
+        buffer.used = buffer.bytes.size();
+        buffer.generation = generation;
+    }
+    if (buffer.bytes.size() - buffer.used < length) {
+        std::size_t filled = 0;
+        while (filled < buffer.bytes.size()) {
+            const ssize_t n =
+                getrandom(buffer.bytes.data() + filled, buffer.bytes.size() - filled, 0);
+            if (n < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                throw std::runtime_error(std::string("cannot draw random bytes: ") +
+                                         std::strerror(errno));
+            }
+            filled += static_cast<std::size_t>(n);
+        }
+        buffer.used = 0;
+    }
+    std::memcpy(out, buffer.bytes.data() + buffer.used, length);
+    // Handed out once: the bytes are not kept once they are given away.
+    std::memset(buffer.bytes.data() + buffer.used, 0, length);
+    buffer.used += length;
+}
+
+}  // namespace
+
 std::string newUUID() {
+    // A version 4 (random) UUID, as uuid_generate_random makes it.
     uuid_t uuid;
-    uuid_generate_random(uuid);
+    drawRandom(uuid, sizeof uuid);
+    uuid[6] = static_cast<unsigned char>((uuid[6] & 0x0f) | 0x40);
+    uuid[8] = static_cast<unsigned char>((uuid[8] & 0x3f) | 0x80);
     std::array<char, 37> text{};
     uuid_unparse_lower(uuid, text.data());
     return std::string(text.data());

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <regex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +35,34 @@ TEST(DerivedIdentifiers, StableIDMatchesKnownDigestsAndFreshValuesAreWellFormed)
         << uuid;
     EXPECT_NE(uuid, newUUID());
     EXPECT_TRUE(std::regex_match(nowTimestamp(), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
+}
+
+TEST(HostServices, IdentifiersAreVersion4AndAForkedChildDrawsItsOwn) {
+    const std::regex v4("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+    std::set<std::string> seen;
+    for (int i = 0; i < 2000; ++i) {  // several refills of the random buffer
+        const std::string id = newUUID();
+        ASSERT_TRUE(std::regex_match(id, v4)) << id;
+        ASSERT_TRUE(seen.insert(id).second) << id;
+    }
+    // Random bytes are drawn ahead: a child must not hand out the ones its parent
+    // will hand out next.
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const std::string id = newUUID();
+        _exit(write(fds[1], id.data(), id.size()) == static_cast<ssize_t>(id.size()) ? 0 : 1);
+    }
+    const std::string parents = newUUID();
+    char buffer[36];
+    ASSERT_EQ(read(fds[0], buffer, sizeof buffer), 36);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    close(fds[0]);
+    close(fds[1]);
+    EXPECT_NE(std::string(buffer, 36), parents);
 }
 
 TEST(HostServices, NowIsTheCurrentSecondAlsoAfterTheSecondsPass) {
