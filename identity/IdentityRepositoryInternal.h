@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <initializer_list>
 #include <map>
-#include <memory_resource>
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <set>
 #include <string>
@@ -120,7 +120,7 @@ class ReadMemo {
         if (const Value* known = find(db, key)) {
             return *known;
         }
-        return values_.emplace(key, read()).first->second;
+        return values_.try_emplace(key, read).first->second.value;
     }
 
     // An answer read outside a transaction, where nothing may be remembered: kept
@@ -148,7 +148,7 @@ class ReadMemo {
             values_.clear();
         }
         const auto it = values_.find(key);
-        return it == values_.end() ? nullptr : &it->second;
+        return it == values_.end() ? nullptr : &it->second.value;
     }
 
     // Forgets everything; only between transactions.
@@ -165,12 +165,19 @@ class ReadMemo {
     }
 
   private:
+    // An answer, built where it is kept: read() initialises it directly.
+    struct Entry {
+        template <typename Read>
+        explicit Entry(Read& read) : value(read()) {}
+        Value value;
+    };
+
     std::array<std::pair<std::string_view, std::uint64_t>, 5> seen_{};
     std::size_t tables_ = 0;
     // The connection's rowChanges() when seen_ was last brought up to date.
     std::uint64_t rowsSeen_ = 0;
-    std::map<Key, Value> values_;
-    std::vector<std::map<Key, Value>> retired_;
+    std::map<Key, Entry> values_;
+    std::vector<std::map<Key, Entry>> retired_;
     std::vector<std::unique_ptr<Value>> kept_;
 };
 

@@ -96,9 +96,8 @@ namespace {
 OperationMemo::PersonPairEnds livePersonPairEnds(store::Connection& db,
                                                  std::pmr::memory_resource* resource) {
     OperationMemo::PersonPairEnds ends(resource);
-    db.query(kLivePersonPairEnds, {}, [&](const store::Row& row) {
-        ends.emplace_back(row.view(0), row.view(1));
-    });
+    db.query(kLivePersonPairEnds, {},
+             [&](const store::Row& row) { ends.emplace_back(row.view(0), row.view(1)); });
     return ends;
 }
 

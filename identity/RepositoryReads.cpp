@@ -364,16 +364,14 @@ void OperationMemo::personAbsorbed(store::Connection& db, const std::string& sur
     }
     // Only a head known to the memo can be carried over: had the absorbed person
     // been absorbed already, walks that went through it would change too.
-    if (const auto it = heads.find(absorbed); it == heads.end() ||
-                                              std::string_view(it->second.id) != absorbed ||
-                                              it->second.hops != 0) {
+    if (const auto it = heads.find(absorbed);
+        it == heads.end() || std::string_view(it->second.id) != absorbed || it->second.hops != 0) {
         return;
     }
     ++personChanges_;
     const auto it = heads.find(survivor);
-    const bool survivorIsHead = it != heads.end() &&
-                                std::string_view(it->second.id) == survivor &&
-                                it->second.hops == 0;
+    const bool survivorIsHead =
+        it != heads.end() && std::string_view(it->second.id) == survivor && it->second.hops == 0;
     // A walk that ended at the absorbed person by itself now takes one more hop,
     // to the survivor, where it ends (or is cut off, on the last hop allowed). A
     // walk cut off at the absorbed person is unchanged.
@@ -483,10 +481,10 @@ std::string RepositoryCore::walkAbsorptionChain(std::string_view personID, store
             // Cut off at the hop limit: only the start's answer is known, and the
             // row reached was not read.
             if (memo != nullptr) {
-                memo->heads.emplace(memo->text(personID),
-                                    OperationMemo::Head{.id = memo->text(current),
-                                                        .hops = kAbsorptionChainHops,
-                                                        .cut = true});
+                memo->heads.emplace(
+                    memo->text(personID),
+                    OperationMemo::Head{
+                        .id = memo->text(current), .hops = kAbsorptionChainHops, .cut = true});
             }
             if (headRow != nullptr) {
                 *headRow = nullptr;
