@@ -6,6 +6,7 @@
 // store::DatabaseError; row decoding throws IdentityStoreError::corruptRestoreMap.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -70,6 +71,12 @@ inline const std::string kIsLiveConstraint =
     "SELECT count(*) > 0 FROM identity_constraint WHERE id = ? AND revoked_at IS NULL";
 inline const std::string kIsLiveConstraintExists =
     "SELECT EXISTS(SELECT 1 FROM identity_constraint WHERE id = ? AND revoked_at IS NULL)";
+
+// Room for the rows of a result that stops at `limit`, so that they are not moved
+// each time the result grows; at most 64 are reserved ahead.
+[[nodiscard]] inline std::size_t reservedRows(std::int64_t limit) noexcept {
+    return static_cast<std::size_t>(std::clamp<std::int64_t>(limit, 0, 64));
+}
 
 // The maximum number of merged_into_person_id hops followed from a person.
 inline constexpr int kAbsorptionChainHops = 20;

@@ -59,6 +59,7 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
     });
 
     std::vector<IdentityCandidate> result;
+    result.reserve(reservedRows(limit));
     PersonDifferenceIndex personDifferences(*this, db);
     for (const auto& [aID, bID] : pairs) {
         if (static_cast<std::int64_t>(result.size()) >= limit) {

@@ -175,6 +175,7 @@ std::vector<SourceIdentityRow> RepositoryCore::searchSourceIdentities(
     params.add(inputs.literal ? std::int64_t{-1} : inputs.limit);
 
     std::vector<SourceIdentityRow> rows;
+    rows.reserve(reservedRows(inputs.limit));
     const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
     db.queryWhile(sql, params, [&](const store::Row& row) {
         SourceIdentityRow identity = decodeSourceIdentity(row);
@@ -213,6 +214,7 @@ std::vector<LinkablePersonRow> RepositoryCore::searchUserStatedPeople(
     // The checks below cannot be expressed in SQL, so rows are filtered here and
     // reading stops as soon as the result is full.
     std::vector<LinkablePersonRow> people;
+    people.reserve(reservedRows(inputs.limit));
     const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
     PersonDifferenceIndex personDifferences(*this, db);
     db.queryWhile(sql, params, [&](const store::Row& row) {
