@@ -193,20 +193,30 @@ TEST_P(RepositoryReads, MemoisedReadsAnswerAnewAfterTheTransactionWritesTheirTab
         c.run("UPDATE identity_membership SET canonical_person_id = 'me'");
         EXPECT_TRUE(core_.isOwnerIdentity("gmail", "a@example.com", c));
         EXPECT_FALSE(core_.personContainsOwnerIdentity("p", c));  // no members any more
-        EXPECT_EQ(core_.activeMembershipRow("si", c)->canonicalPersonID, "me");
-        EXPECT_EQ(core_.activeMembershipRows("me", c).size(), 1U);
+        const auto& member = core_.activeMembershipRow("si", c);
+        const auto& members = core_.activeMembershipRows("me", c);
+        EXPECT_EQ(member->canonicalPersonID, "me");
+        EXPECT_EQ(members.size(), 1U);
 
         c.run("UPDATE identity_membership SET ended_at = '2024-01-01T00:00:00Z'");
         EXPECT_FALSE(core_.activeMembershipRow("si", c));
         EXPECT_TRUE(core_.activeMembershipRows("me", c).empty());
         EXPECT_FALSE(core_.isOwnerIdentity("gmail", "a@example.com", c));
+        // Answers handed out before a write stay as they were read until the
+        // transaction ends: cores hold them by reference across their writes.
+        EXPECT_EQ(member->canonicalPersonID, "me");
+        EXPECT_FALSE(member->endedAt);
+        EXPECT_EQ(members.size(), 1U);
 
         c.run(
             "INSERT INTO owner_alias (source_type, handle_normalized) VALUES ('gmail', "
             "'a@example.com')");
         EXPECT_TRUE(core_.isOwnerIdentity("gmail", "a@example.com", c));
+        const auto& identity = core_.sourceIdentityRow("si", c);
+        const auto nameBefore = identity->displayName;
         c.run("UPDATE source_identity SET display_name = 'Ann' WHERE id = 'si'");
         EXPECT_EQ(core_.sourceIdentityRow("si", c)->displayName, "Ann");
+        EXPECT_EQ(identity->displayName, nameBefore);
         return 0;
     });
 }
