@@ -411,6 +411,16 @@ class SnapshotReader {
 
 // The direct reader for snapshots in the common shape. Each read returns false
 // when the text leaves that shape; the caller then asks the general reader.
+// The bytes a string runs on without a second look: printable ASCII but for the
+// quote that ends it and the backslash that starts an escape.
+constexpr std::array<bool, 256> kPlainStringBytes = [] {
+    std::array<bool, 256> plain{};
+    for (int byte = 0x20; byte < 0x80; ++byte) {
+        plain[static_cast<std::size_t>(byte)] = byte != '"' && byte != '\\';
+    }
+    return plain;
+}();
+
 class SnapshotScanner {
   public:
     explicit SnapshotScanner(std::string_view text) : text_(text) {}
@@ -660,17 +670,11 @@ class SnapshotScanner {
             return false;
         }
         const std::size_t start = at_;
-        while (at_ < text_.size()) {
-            const auto byte = static_cast<unsigned char>(text_[at_]);
-            if (byte == '"') {
-                out = text_.substr(start, at_ - start);
-                ++at_;
-                return true;
-            }
-            if (byte == '\\' || byte < 0x20 || byte >= 0x80) {
-                return false;
-            }
+        skipPlain();
+        if (at_ < text_.size() && text_[at_] == '"') {
+            out = text_.substr(start, at_ - start);
             ++at_;
+            return true;
         }
         return false;
     }
@@ -683,13 +687,7 @@ class SnapshotScanner {
         out.clear();
         while (at_ < text_.size()) {
             const std::size_t start = at_;
-            while (at_ < text_.size()) {
-                const auto byte = static_cast<unsigned char>(text_[at_]);
-                if (byte == '"' || byte == '\\' || byte < 0x20 || byte >= 0x80) {
-                    break;
-                }
-                ++at_;
-            }
+            skipPlain();
             out.append(text_.substr(start, at_ - start));
             if (at_ == text_.size()) {
                 return false;
@@ -807,6 +805,15 @@ class SnapshotScanner {
             }
         }
         return true;
+    }
+
+    // Moves past the bytes of kPlainStringBytes.
+    void skipPlain() {
+        const char* bytes = text_.data();
+        const std::size_t size = text_.size();
+        while (at_ < size && kPlainStringBytes[static_cast<unsigned char>(bytes[at_])]) {
+            ++at_;
+        }
     }
 
     void skipSpace() {
