@@ -160,15 +160,9 @@ class ReadMemo {
 
     // Forgets everything; only between transactions.
     void clear() noexcept {
-        if (!values_.empty()) {
-            values_.clear();
-        }
-        if (!retired_.empty()) {
-            retired_.clear();
-        }
-        if (!kept_.empty()) {
-            kept_.clear();
-        }
+        values_.clear();
+        retired_.clear();
+        kept_.clear();
     }
 
   private:

@@ -175,17 +175,13 @@ const std::vector<int>& Row::positions(const ColumnSet& columns) const {
 }
 
 std::optional<std::string> Row::optionalText(int index) const {
-    // SQLite answers NULL with a null pointer, which spares asking for the type
+    // SQLite answers NULL with no text at all, which spares asking for the type
     // first; only then is the type asked, as a failed conversion looks the same.
-    const auto* data = sqlite3_column_text(stmt_, index);
-    if (data == nullptr) {
-        if (isNull(index)) {
-            return std::nullopt;
-        }
-        return std::string();
+    const std::string_view text = view(index);
+    if (text.data() == nullptr && isNull(index)) {
+        return std::nullopt;
     }
-    return std::string(reinterpret_cast<const char*>(data),
-                       static_cast<std::size_t>(sqlite3_column_bytes(stmt_, index)));
+    return std::string(text);
 }
 
 int Row::indexOf(std::string_view column) const {
@@ -238,18 +234,13 @@ bool Row::isNull(int index) const {
 }
 
 std::string Row::text(int index) const {
-    const auto* data = sqlite3_column_text(stmt_, index);
-    if (data == nullptr) {
-        return {};
-    }
-    return std::string(reinterpret_cast<const char*>(data),
-                       static_cast<std::size_t>(sqlite3_column_bytes(stmt_, index)));
+    return std::string(view(index));
 }
 
 std::string_view Row::view(int index) const {
     const auto* data = sqlite3_column_text(stmt_, index);
     if (data == nullptr) {
-        return {};
+        return {};  // no data: NULL (or a failed conversion)
     }
     return {reinterpret_cast<const char*>(data),
             static_cast<std::size_t>(sqlite3_column_bytes(stmt_, index))};

@@ -119,11 +119,7 @@ class Params {
         Params(T&&... values) {
         (add(std::forward<T>(values)), ...);
     }
-    Params(const Params& other) {
-        for (const Param& param : other.values()) {
-            add(param);
-        }
-    }
+    Params(const Params& other) { *this = other; }
     Params(Params&& other) noexcept;
     Params& operator=(const Params& other);
     Params& operator=(Params&& other) noexcept;
@@ -347,22 +343,16 @@ class Connection {
     // Scratch space that lives for one transaction on this connection and is
     // emptied when the transaction begins and ends: memoisation within one
     // operation, never across operations. T must be default-constructible without
-    // allocating, and either have clear() (called to empty it) or be
-    // move-assignable (emptied by assigning T{}). The object itself stays allocated for the
-    // next transaction: allocating it anew each time (it is larger than glibc's
-    // small-request limit) made every operation sweep the allocator's free lists.
+    // allocating and have clear(), which empties it. The object itself stays
+    // allocated for the next transaction: allocating it anew each time (it is
+    // larger than glibc's small-request limit) made every operation sweep the
+    // allocator's free lists.
     template <typename T>
     T& transactionMemo() {
         if (transactionMemoType_ != &typeid(T)) {
             transactionMemo_ = std::make_shared<T>();
             transactionMemoType_ = &typeid(T);
-            emptyTransactionMemo_ = [](void* memo) noexcept {
-                if constexpr (requires(T & t) { t.clear(); }) {
-                    static_cast<T*>(memo)->clear();
-                } else {
-                    *static_cast<T*>(memo) = T{};
-                }
-            };
+            emptyTransactionMemo_ = [](void* memo) noexcept { static_cast<T*>(memo)->clear(); };
         }
         transactionMemoUsed_ = true;
         return *static_cast<T*>(transactionMemo_.get());
