@@ -63,25 +63,25 @@ void IdentityRepository::emit(const IdentityCorrectionWitness::Event& event) con
 }
 
 std::optional<SourceIdentityRow> IdentityRepository::sourceIdentity(const std::string& id) {
-    return readCore<&internal::RepositoryCore::sourceIdentityRow>(id);
+    return readCore<&internal::RepositoryCore::readSourceIdentity>(id);
 }
 
 std::optional<PersonRow> IdentityRepository::person(const std::string& id) {
-    return readCore<&internal::RepositoryCore::personRow>(id);
+    return readCore<&internal::RepositoryCore::readPerson>(id);
 }
 
 std::optional<IdentityMembershipRow> IdentityRepository::activeMembership(
     const std::string& sourceIdentityID) {
-    return readCore<&internal::RepositoryCore::activeMembershipRow>(sourceIdentityID);
+    return readCore<&internal::RepositoryCore::readActiveMembership>(sourceIdentityID);
 }
 
 std::vector<IdentityMembershipRow> IdentityRepository::activeMemberships(
     const std::string& personID) {
-    return readCore<&internal::RepositoryCore::activeMembershipRows>(personID);
+    return readCore<&internal::RepositoryCore::readActiveMemberships>(personID);
 }
 
 std::optional<MergeEventRow> IdentityRepository::mergeEvent(const std::string& id) {
-    return readCore<&internal::RepositoryCore::mergeEventRow>(id);
+    return readCore<&internal::RepositoryCore::readMergeEvent>(id);
 }
 
 std::optional<MergeEventRow> IdentityRepository::latestUndoableMergeEvent(

@@ -315,6 +315,16 @@ class RepositoryCore {
 
     // --- Single-row and list reads --------------------------------------------
 
+    // The same rows read straight into the caller's record, outside the memo:
+    // for the public reads, whose transaction asks for nothing twice.
+    std::optional<SourceIdentityRow> readSourceIdentity(const std::string& id,
+                                                        store::Connection& db);
+    std::optional<PersonRow> readPerson(const std::string& id, store::Connection& db);
+    std::optional<IdentityMembershipRow> readActiveMembership(const std::string& sourceIdentityID,
+                                                              store::Connection& db);
+    std::vector<IdentityMembershipRow> readActiveMemberships(const std::string& personID,
+                                                             store::Connection& db);
+    std::optional<MergeEventRow> readMergeEvent(const std::string& id, store::Connection& db);
     // The single-row and list reads answer with the operation's memoised copy,
     // valid until the transaction ends.
     const std::optional<SourceIdentityRow>& sourceIdentityRow(const std::string& id,
@@ -368,12 +378,6 @@ class RepositoryCore {
     // The same head, for the many walks of a constraint scan: reads only where
     // each person went and keeps no row (a row already kept is used).
     std::string scannedAbsorptionChainHead(std::string_view personID, store::Connection& db);
-    // The head and its row: the row the walk ended on, read again only when the
-    // walk did not read it (a head known from earlier in the transaction, or one
-    // reached at the hop limit). Null row: the head person does not exist. The row
-    // is the operation's memoised one, valid until the transaction ends.
-    std::pair<std::string, const PersonRow*> absorptionChainHeadRow(const std::string& personID,
-                                                                    store::Connection& db);
     // The claims owned by the person, in id order.
     std::vector<std::string> claimIDs(const std::string& personID, store::Connection& db);
     // Inserts a stub person created by an identity correction; returns its id.
@@ -607,12 +611,10 @@ class RepositoryCore {
         const std::vector<std::string>& excludingPersonIDs, store::Connection& db);
 
   private:
-    // The walk behind the absorption operations. headRow, when given, points to
-    // every row read in turn, so that it ends at the head's (empty: the head does
-    // not exist); it is null when the head's row was not read. keepRows: whole
-    // rows are read through personRow inside a transaction.
+    // The walk behind the absorption operations. keepRows: whole rows are read
+    // through personRow inside a transaction.
     std::string walkAbsorptionChain(std::string_view personID, store::Connection& db,
-                                    const std::optional<PersonRow>** headRow, bool keepRows);
+                                    bool keepRows);
 
     host::HostServices services_;
 };

@@ -168,42 +168,61 @@ IdentityConstraintRow decodeConstraint(const store::Row& row) {
 
 RepositoryCore::RepositoryCore(host::HostServices services) : services_(std::move(services)) {}
 
+std::optional<SourceIdentityRow> RepositoryCore::readSourceIdentity(const std::string& id,
+                                                                    store::Connection& db) {
+    return firstRow<SourceIdentityRow>(db, kSelectSourceIdentity, {id}, decodeSourceIdentity);
+}
+
+std::optional<PersonRow> RepositoryCore::readPerson(const std::string& id, store::Connection& db) {
+    return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson);
+}
+
+std::optional<IdentityMembershipRow> RepositoryCore::readActiveMembership(
+    const std::string& sourceIdentityID, store::Connection& db) {
+    return firstRow<IdentityMembershipRow>(db, kSelectActiveMembershipOfIdentity,
+                                           {sourceIdentityID}, decodeMembership);
+}
+
+std::vector<IdentityMembershipRow> RepositoryCore::readActiveMemberships(
+    const std::string& personID, store::Connection& db) {
+    std::vector<IdentityMembershipRow> rows;
+    db.query(kSelectActiveMembershipsOfPerson, {personID},
+             [&](const store::Row& row) { rows.push_back(decodeMembership(row)); });
+    return rows;
+}
+
+std::optional<MergeEventRow> RepositoryCore::readMergeEvent(const std::string& id,
+                                                            store::Connection& db) {
+    return firstRow<MergeEventRow>(db, kSelectMergeEvent, {id}, decodeMergeEvent);
+}
+
 const std::optional<SourceIdentityRow>& RepositoryCore::sourceIdentityRow(const std::string& id,
                                                                           store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::sourceIdentities, id, [&] {
-        return firstRow<SourceIdentityRow>(db, kSelectSourceIdentity, {id}, decodeSourceIdentity);
-    });
+    return memoisedRead(db, &OperationMemo::sourceIdentities, id,
+                        [&] { return readSourceIdentity(id, db); });
 }
 
 const std::optional<PersonRow>& RepositoryCore::personRow(const std::string& id,
                                                           store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::persons, id,
-                        [&] { return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson); });
+    return memoisedRead(db, &OperationMemo::persons, id, [&] { return readPerson(id, db); });
 }
 
 const std::optional<IdentityMembershipRow>& RepositoryCore::activeMembershipRow(
     const std::string& sourceIdentityID, store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::activeMembershipOfIdentity, sourceIdentityID, [&] {
-        return firstRow<IdentityMembershipRow>(db, kSelectActiveMembershipOfIdentity,
-                                               {sourceIdentityID}, decodeMembership);
-    });
+    return memoisedRead(db, &OperationMemo::activeMembershipOfIdentity, sourceIdentityID,
+                        [&] { return readActiveMembership(sourceIdentityID, db); });
 }
 
 const std::vector<IdentityMembershipRow>& RepositoryCore::activeMembershipRows(
     const std::string& personID, store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::activeMembershipsOfPerson, personID, [&] {
-        std::vector<IdentityMembershipRow> rows;
-        db.query(kSelectActiveMembershipsOfPerson, {personID},
-                 [&](const store::Row& row) { rows.push_back(decodeMembership(row)); });
-        return rows;
-    });
+    return memoisedRead(db, &OperationMemo::activeMembershipsOfPerson, personID,
+                        [&] { return readActiveMemberships(personID, db); });
 }
 
 const std::optional<MergeEventRow>& RepositoryCore::mergeEventRow(const std::string& id,
                                                                   store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::mergeEvents, id, [&] {
-        return firstRow<MergeEventRow>(db, kSelectMergeEvent, {id}, decodeMergeEvent);
-    });
+    return memoisedRead(db, &OperationMemo::mergeEvents, id,
+                        [&] { return readMergeEvent(id, db); });
 }
 
 std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const MergeEventRow& event,
@@ -236,21 +255,52 @@ std::optional<MergeEventRow> RepositoryCore::latestUndoableMergeEventRow(
 
 std::optional<ResolvedPerson> RepositoryCore::resolveCanonicalPerson(
     const std::string& sourceIdentityID, store::Connection& db) {
-    const auto& membership = activeMembershipRow(sourceIdentityID, db);
-    if (!membership) {
+    // Asked on its own, once per transaction: the rows are read where SQLite
+    // keeps them and only what the answer holds is copied, without the memo.
+    std::optional<ResolvedPerson> resolved;
+    std::string current;
+    db.queryWhile(kSelectActiveMembershipOfIdentity, {sourceIdentityID},
+                  [&](const store::Row& row) {
+                      const auto& c = row.positions(kMembershipColumns);
+                      const auto state = parsedOrCorrupt(parseMembershipState(row.view(c[0])));
+                      const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.view(c[1])));
+                      current = row.text(c[4]);
+                      resolved = ResolvedPerson{.personID = {},
+                                                .displayName = std::nullopt,
+                                                .membershipState = state,
+                                                .decidedBy = decidedBy,
+                                                .because = row.optionalText(c[5])};
+                      return false;
+                  });
+    if (!resolved) {
         return std::nullopt;
     }
-    auto [head, person] = absorptionChainHeadRow(membership->canonicalPersonID, db);
-    if (person == nullptr) {
-        return std::nullopt;
+    // The same walk as absorptionChainHead: at most 20 hops, and the person the
+    // last hop lands on is the head whatever it was merged into.
+    std::string next;
+    for (int hop = 0;; ++hop) {
+        bool exists = false;
+        bool absorbed = false;
+        db.queryWhile(kSelectPerson, {current}, [&](const store::Row& row) {
+            const auto& c = row.positions(kPersonColumns);
+            exists = true;
+            if (hop < kAbsorptionChainHops && !row.isNull(c[4])) {
+                absorbed = true;
+                next = row.text(c[4]);
+            } else {
+                resolved->displayName = row.optionalText(c[1]);
+            }
+            return false;
+        });
+        if (!exists) {
+            return std::nullopt;
+        }
+        if (!absorbed) {
+            resolved->personID = std::move(current);
+            return resolved;
+        }
+        current.swap(next);
     }
-    return ResolvedPerson{
-        .personID = std::move(head),
-        .displayName = person->displayName,
-        .membershipState = membership->state,
-        .decidedBy = membership->decidedBy,
-        .because = membership->because,
-    };
 }
 
 const std::string& RepositoryCore::ownerPersonID(store::Connection& db) {
@@ -407,26 +457,15 @@ void OperationMemo::personAbsorbed(store::Connection& db, const std::string& sur
 
 std::string RepositoryCore::absorptionChainHead(const std::string& personID,
                                                 store::Connection& db) {
-    return walkAbsorptionChain(personID, db, nullptr, true);
+    return walkAbsorptionChain(personID, db, true);
 }
 
 std::string RepositoryCore::scannedAbsorptionChainHead(std::string_view personID,
                                                        store::Connection& db) {
-    return walkAbsorptionChain(personID, db, nullptr, false);
-}
-
-std::pair<std::string, const PersonRow*> RepositoryCore::absorptionChainHeadRow(
-    const std::string& personID, store::Connection& db) {
-    const std::optional<PersonRow>* last = nullptr;
-    std::string head = walkAbsorptionChain(personID, db, &last, true);
-    if (last == nullptr) {
-        last = &personRow(head, db);
-    }
-    return {std::move(head), last->has_value() ? &**last : nullptr};
+    return walkAbsorptionChain(personID, db, false);
 }
 
 std::string RepositoryCore::walkAbsorptionChain(std::string_view personID, store::Connection& db,
-                                                const std::optional<PersonRow>** headRow,
                                                 bool keepRows) {
     OperationMemo* memo = OperationMemo::of(db);
     if (memo != nullptr) {
@@ -440,15 +479,12 @@ std::string RepositoryCore::walkAbsorptionChain(std::string_view personID, store
     while (true) {
         bool exists = false;
         std::optional<std::string> mergedInto;
-        if (headRow != nullptr || (memo != nullptr && keepRows)) {
+        if (memo != nullptr && keepRows) {
             // Within a transaction the whole row is kept (personRow memoises it):
             // the operation may ask for a person it walked through.
             const auto& row = personRow(current, db);
             exists = row.has_value();
             mergedInto = exists ? row->mergedIntoPersonID : std::nullopt;
-            if (headRow != nullptr) {
-                *headRow = &row;
-            }
         } else if (const std::optional<PersonRow>* known =
                        memo != nullptr ? memo->persons.find(db, current) : nullptr) {
             exists = known->has_value();
@@ -485,9 +521,6 @@ std::string RepositoryCore::walkAbsorptionChain(std::string_view personID, store
                     memo->text(personID),
                     OperationMemo::Head{
                         .id = memo->text(current), .hops = kAbsorptionChainHops, .cut = true});
-            }
-            if (headRow != nullptr) {
-                *headRow = nullptr;
             }
             return current;
         }

@@ -69,9 +69,10 @@ TEST_P(RepositoryReads, ChainHeadStopsAtMissingPersonsCyclesAndTwentyHops) {
     db_.addPerson("x", "y");
     db_.addPerson("y", "x");
     for (int i = 0; i < 25; ++i) {
-        db_.addPerson("p" + std::to_string(i), "p" + std::to_string(i + 1));
+        db_.addPerson("p" + std::to_string(i), "p" + std::to_string(i + 1),
+                      "Person " + std::to_string(i));
     }
-    db_.addPerson("p25");
+    db_.addPerson("p25", std::nullopt, "Person 25");
     inRead([](internal::RepositoryCore& core, store::Connection& c) {
         EXPECT_EQ(core.absorptionChainHead("orphaned", c), "missing");
         EXPECT_EQ(core.absorptionChainHead("nobody", c), "nobody");
@@ -79,13 +80,24 @@ TEST_P(RepositoryReads, ChainHeadStopsAtMissingPersonsCyclesAndTwentyHops) {
         EXPECT_EQ(core.absorptionChainHead("x", c), "x");
         EXPECT_EQ(core.absorptionChainHead("p0", c), "p20");
         EXPECT_EQ(core.absorptionChainHead("p10", c), "p25");
-        // With the head's row: the one the walk ended on, or the row the hop
-        // limit stopped at, never the last one read before it.
-        EXPECT_EQ(core.absorptionChainHeadRow("p1", c).second->id, "p21");
-        EXPECT_EQ(core.absorptionChainHeadRow("p11", c).second->id, "p25");
-        EXPECT_FALSE(core.absorptionChainHeadRow("orphaned", c).second);
         return 0;
     });
+    // Resolving walks the same way, and names the person the walk ended on or
+    // the hop limit stopped at, never the last one read before it.
+    for (const auto* start : {"p1", "p11", "orphaned", "x"}) {
+        db_.addIdentity(std::string("si-") + start, "gmail", std::string(start) + "@example.com");
+        db_.addMembership(std::string("m-") + start, std::string("si-") + start, start);
+    }
+    const auto fromP1 = repository_.resolveCanonicalPerson("si-p1");
+    ASSERT_TRUE(fromP1);
+    EXPECT_EQ(fromP1->personID, "p21");
+    EXPECT_EQ(fromP1->displayName, "Person 21");
+    const auto fromP11 = repository_.resolveCanonicalPerson("si-p11");
+    ASSERT_TRUE(fromP11);
+    EXPECT_EQ(fromP11->personID, "p25");
+    EXPECT_EQ(fromP11->displayName, "Person 25");
+    EXPECT_EQ(repository_.resolveCanonicalPerson("si-x")->personID, "x");
+    EXPECT_FALSE(repository_.resolveCanonicalPerson("si-orphaned"));
 }
 
 // Within one write transaction the memo keeps absorption heads across the
