@@ -474,12 +474,24 @@ std::uint64_t Connection::tableChanges(std::string_view table) const noexcept {
     return 0;
 }
 
-void Connection::executeCached(const std::string& sql) {
+Statement& Connection::cached(const std::string& sql) {
+    // The library's statement texts are constants: the same text at the same
+    // address is found again without hashing it. The text is still compared, as
+    // a text built for one call may come back at an address another text had.
+    auto& recent = recent_[(reinterpret_cast<std::uintptr_t>(&sql) >> 5) % recent_.size()];
+    if (recent.text == &sql && recent.statement->sql_ == sql) {
+        return *recent.statement;
+    }
     auto it = cache_.find(sql);
     if (it == cache_.end()) {
         it = cache_.emplace(sql, std::make_unique<Statement>(db_, sql)).first;
     }
-    Statement& statement = *it->second;
+    recent = {&sql, it->second.get()};
+    return *it->second;
+}
+
+void Connection::executeCached(const std::string& sql) {
+    Statement& statement = cached(sql);
     // Reset at once, also after a failure: a COMMIT left pending would hold its
     // transaction open.
     struct Reset {
@@ -491,6 +503,7 @@ void Connection::executeCached(const std::string& sql) {
 }
 
 Connection::~Connection() {
+    recent_ = {};
     cache_.clear();
     sqlite3_close_v2(db_);
 }
@@ -498,14 +511,11 @@ Connection::~Connection() {
 Connection::Lease Connection::acquire(const std::string& sql) {
     countStatement(sql);
     ++statementCount_;
-    auto it = cache_.find(sql);
-    if (it == cache_.end()) {
-        it = cache_.emplace(sql, std::make_unique<Statement>(db_, sql)).first;
-    }
-    if (it->second->busy_) {
+    Statement& statement = cached(sql);
+    if (statement.busy_) {
         return Lease(nullptr, std::make_unique<Statement>(db_, sql));
     }
-    return Lease(it->second.get(), nullptr);
+    return Lease(&statement, nullptr);
 }
 
 void Connection::countStatement(const std::string& sql) {

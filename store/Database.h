@@ -375,6 +375,8 @@ class Connection {
     // (a statement used again from inside its own row callback).
     class Lease;
     Lease acquire(const std::string& sql);
+    // The cached statement of the text, prepared on first use.
+    Statement& cached(const std::string& sql);
     void countStatement(const std::string& sql);
 
     void emptyTransactionMemo() noexcept;
@@ -384,6 +386,12 @@ class Connection {
 
     sqlite3* db_ = nullptr;
     std::unordered_map<std::string, std::unique_ptr<Statement>> cache_;
+    // The statements last looked up, by the address of their text.
+    struct RecentStatement {
+        const std::string* text = nullptr;
+        Statement* statement = nullptr;
+    };
+    std::array<RecentStatement, 64> recent_{};
     FaultPlan* fault_ = nullptr;
     int statementsInTransaction_ = 0;
     std::uint64_t statementCount_ = 0;
