@@ -18,6 +18,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <variant>
@@ -37,6 +38,15 @@ namespace orvik::identity::internal {
 // Reads and parses decided_by before the other columns.
 [[nodiscard]] MergeEventRow decodeMergeEvent(const store::Row& row);
 [[nodiscard]] IdentityConstraintRow decodeConstraint(const store::Row& row);
+
+// A row decoded straight into a container's storage, without a move of the
+// record: rows.emplace_back(DecodedInPlace{row, decodeMembership}).
+template <typename Decode>
+struct DecodedInPlace {
+    const store::Row& row;
+    Decode decode;
+    operator std::invoke_result_t<Decode, const store::Row&>() const { return decode(row); }
+};
 
 // "<n> shared thread(s)" for n >= 1, else "user confirmed".
 [[nodiscard]] std::string sharedThreadBecause(std::int64_t sharedThreads);

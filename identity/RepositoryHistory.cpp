@@ -44,7 +44,9 @@ std::vector<RepositoryCore::HistoryEventRow> historyEvents(store::Connection& db
                                                            const std::string& sql,
                                                            const store::Params& params) {
     std::vector<RepositoryCore::HistoryEventRow> rows;
-    db.query(sql, params, [&](const store::Row& row) { rows.push_back(decodeHistoryEvent(row)); });
+    db.query(sql, params, [&](const store::Row& row) {
+        rows.emplace_back(DecodedInPlace{row, decodeHistoryEvent});
+    });
     return rows;
 }
 

@@ -186,8 +186,9 @@ std::optional<IdentityMembershipRow> RepositoryCore::readActiveMembership(
 std::vector<IdentityMembershipRow> RepositoryCore::readActiveMemberships(
     const std::string& personID, store::Connection& db) {
     std::vector<IdentityMembershipRow> rows;
-    db.query(kSelectActiveMembershipsOfPerson, {personID},
-             [&](const store::Row& row) { rows.push_back(decodeMembership(row)); });
+    db.query(kSelectActiveMembershipsOfPerson, {personID}, [&](const store::Row& row) {
+        rows.emplace_back(DecodedInPlace{row, decodeMembership});
+    });
     return rows;
 }
 

@@ -178,12 +178,12 @@ std::vector<SourceIdentityRow> RepositoryCore::searchSourceIdentities(
     rows.reserve(reservedRows(inputs.limit));
     const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
     db.queryWhile(sql, params, [&](const store::Row& row) {
-        SourceIdentityRow identity = decodeSourceIdentity(row);
+        const auto& identity = rows.emplace_back(DecodedInPlace{row, decodeSourceIdentity});
         if (inputs.literal && !containsLiteral(identity.displayName, *inputs.literal) &&
             !containsLiteral(identity.handleNormalized, *inputs.literal)) {
+            rows.pop_back();
             return true;
         }
-        rows.push_back(std::move(identity));
         return rows.size() < limitCount;
     });
     return rows;
