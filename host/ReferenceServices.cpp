@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 
@@ -24,26 +25,35 @@ std::string stableIDOf(const std::vector<std::string_view>& parts) {
     }
 
     // Fetched once: EVP_sha256() makes OpenSSL look the implementation up again on
-    // every digest, which costs several times the hashing of an identifier.
+    // every digest, which costs several times the hashing of an identifier. The
+    // digest context is kept per thread instead of being made and freed per call.
     static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    struct ContextDeleter {
+        void operator()(EVP_MD_CTX* ctx) const noexcept { EVP_MD_CTX_free(ctx); }
+    };
+    thread_local const std::unique_ptr<EVP_MD_CTX, ContextDeleter> context(EVP_MD_CTX_new());
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned int digestLength = 0;
-    if (EVP_Digest(joined.data(), joined.size(), digest.data(), &digestLength,
-                   sha256 != nullptr ? sha256 : EVP_sha256(), nullptr) != 1) {
+    if (context == nullptr ||
+        EVP_DigestInit_ex2(context.get(), sha256 != nullptr ? sha256 : EVP_sha256(), nullptr) !=
+            1 ||
+        EVP_DigestUpdate(context.get(), joined.data(), joined.size()) != 1 ||
+        EVP_DigestFinal_ex(context.get(), digest.data(), &digestLength) != 1) {
         throw std::runtime_error("SHA-256 digest failed");
     }
 
+    // The first 16 bytes in the 8-4-4-4-12 form of a UUID.
     static constexpr char kHex[] = "0123456789abcdef";
-    std::string id;
-    id.reserve(36);
+    std::array<char, 36> id{};
+    std::size_t at = 0;
     for (std::size_t i = 0; i < 16; ++i) {
         if (i == 4 || i == 6 || i == 8 || i == 10) {
-            id.push_back('-');
+            id[at++] = '-';
         }
-        id.push_back(kHex[digest[i] >> 4]);
-        id.push_back(kHex[digest[i] & 0x0f]);
+        id[at++] = kHex[digest[i] >> 4];
+        id[at++] = kHex[digest[i] & 0x0f];
     }
-    return id;
+    return std::string(id.data(), id.size());
 }
 
 namespace {

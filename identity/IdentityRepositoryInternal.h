@@ -47,6 +47,8 @@ struct DecodedInPlace {
     Decode decode;
     operator std::invoke_result_t<Decode, const store::Row&>() const { return decode(row); }
 };
+template <typename Decode>
+DecodedInPlace(const store::Row&, Decode) -> DecodedInPlace<Decode>;
 
 // "<n> shared thread(s)" for n >= 1, else "user confirmed".
 [[nodiscard]] std::string sharedThreadBecause(std::int64_t sharedThreads);

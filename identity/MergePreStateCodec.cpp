@@ -440,78 +440,79 @@ class SnapshotScanner {
         if (text_.substr(0, 3) == "\xEF\xBB\xBF") {
             return false;
         }
-        enum Key : std::uint32_t {
-            prior = 1u << 0,
-            claims = 1u << 1,
-            written = 1u << 2,
+        // The members in the writer's order; the first three are required.
+        static constexpr std::array<std::string_view, 16> kMembers{
+            "priorActiveMemberships",
+            "priorClaimPersonID",
+            "writtenMembershipIDs",
+            "revokedDifferentConstraintIDs",
+            "createdDifferentConstraintIDs",
+            "membershipPreimages",
+            "membershipPostImages",
+            "preExistingSurvivorClaimIDs",
+            "personPreimages",
+            "personPostImages",
+            "claimOwnershipImages",
+            "createdSameConstraintID",
+            "captureAssociationImages",
+            "followUpOwnershipImages",
+            "openLoopOwnershipImages",
+            "dispositionKeyImages",
         };
-        std::uint32_t required = 0;
-        std::vector<std::string_view> keys;
+        constexpr std::uint32_t kRequired = 0b111;
+        std::uint32_t seen = 0;
         const bool read = object([&](std::string_view key, bool null) {
-            // A key given twice is left to the general reader (it keeps the last).
-            if (std::find(keys.begin(), keys.end(), key) != keys.end()) {
+            const auto found = std::find(kMembers.begin(), kMembers.end(), key);
+            if (found == kMembers.end()) {
                 return false;
             }
-            keys.push_back(key);
-            // A null required value is malformed: left to the general reader.
-            if (key == "priorActiveMemberships") {
-                required |= prior;
-                return !null && list(s.priorActiveMemberships);
+            const auto index = static_cast<std::size_t>(found - kMembers.begin());
+            // A key given twice is left to the general reader (it keeps the last).
+            if ((seen & (1u << index)) != 0) {
+                return false;
             }
-            if (key == "priorClaimPersonID") {
-                required |= claims;
-                return !null && map(s.priorClaimPersonID);
-            }
-            if (key == "writtenMembershipIDs") {
-                required |= written;
-                return !null && list(s.writtenMembershipIDs);
-            }
+            seen |= 1u << index;
             if (null) {
-                return true;
+                // A null required value is malformed: left to the general reader.
+                return (kRequired & (1u << index)) == 0;
             }
-            if (key == "revokedDifferentConstraintIDs") {
-                return list(s.revokedDifferentConstraintIDs);
+            switch (index) {
+                case 0:
+                    return list(s.priorActiveMemberships);
+                case 1:
+                    return map(s.priorClaimPersonID);
+                case 2:
+                    return list(s.writtenMembershipIDs);
+                case 3:
+                    return list(s.revokedDifferentConstraintIDs);
+                case 4:
+                    return list(s.createdDifferentConstraintIDs);
+                case 5:
+                    return list(s.membershipPreimages);
+                case 6:
+                    return list(s.membershipPostImages);
+                case 7:
+                    return list(s.preExistingSurvivorClaimIDs);
+                case 8:
+                    return list(s.personPreimages);
+                case 9:
+                    return list(s.personPostImages);
+                case 10:
+                    return list(s.claimOwnershipImages);
+                case 11:
+                    return string(s.createdSameConstraintID.emplace());
+                case 12:
+                    return list(s.captureAssociationImages);
+                case 13:
+                    return list(s.followUpOwnershipImages);
+                case 14:
+                    return list(s.openLoopOwnershipImages);
+                default:
+                    return list(s.dispositionKeyImages);
             }
-            if (key == "createdDifferentConstraintIDs") {
-                return list(s.createdDifferentConstraintIDs);
-            }
-            if (key == "membershipPreimages") {
-                return list(s.membershipPreimages);
-            }
-            if (key == "membershipPostImages") {
-                return list(s.membershipPostImages);
-            }
-            if (key == "preExistingSurvivorClaimIDs") {
-                return list(s.preExistingSurvivorClaimIDs);
-            }
-            if (key == "personPreimages") {
-                return list(s.personPreimages);
-            }
-            if (key == "personPostImages") {
-                return list(s.personPostImages);
-            }
-            if (key == "claimOwnershipImages") {
-                return list(s.claimOwnershipImages);
-            }
-            if (key == "createdSameConstraintID") {
-                return string(s.createdSameConstraintID.emplace());
-            }
-            if (key == "captureAssociationImages") {
-                return list(s.captureAssociationImages);
-            }
-            if (key == "followUpOwnershipImages") {
-                return list(s.followUpOwnershipImages);
-            }
-            if (key == "openLoopOwnershipImages") {
-                return list(s.openLoopOwnershipImages);
-            }
-            if (key == "dispositionKeyImages") {
-                return list(s.dispositionKeyImages);
-            }
-            return false;
         });
         skipSpace();
-        return read && at_ == text_.size() && required == (prior | claims | written);
+        return read && at_ == text_.size() && (seen & kRequired) == kRequired;
     }
 
   private:
