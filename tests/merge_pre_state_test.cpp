@@ -106,6 +106,9 @@ TEST(MergePreStateCodec, DirectReadingAgreesWithTheGeneralReader) {
     s.followUpOwnershipImages = {{"f1", "p2", "p1"}};
     s.openLoopOwnershipImages = {{"l1", "p2", "p1"}};
     s.dispositionKeyImages = {{"p2|x", "p1|x", "p2", "p1"}};
+    // Long texts too: strings are scanned in blocks of sixteen bytes.
+    s.writtenMembershipIDs.push_back("3f2b9c1e-8d4a-4e6f-9b2c-7a1d5e8f0c3b");
+    s.personPreimages.push_back({"p3", "Anne-Marie Lefebvre-Dubois", "auto", none, none});
     const std::string written = encodeJSON(s);
     ASSERT_EQ(decodeMergePreState(written), s);
 
@@ -144,6 +147,26 @@ TEST(MergePreStateCodec, DirectReadingAgreesWithTheGeneralReader) {
     }
     for (const std::string& text : texts) {
         EXPECT_EQ(decodeMergePreState(text), decodeMergePreStateInGeneral(text)) << text;
+    }
+}
+
+// Whatever byte interrupts a long run of plain ones, wherever it falls in a block,
+// the writer escapes it as the general reader expects and the direct reader
+// reads it back.
+TEST(MergePreStateCodec, LongTextsRoundTripWithASpecialByteAtEveryOffset) {
+    for (const std::string special : {"/", "\"", "\\", "\n", "\x7f", "\xC3\xA9"}) {
+        for (std::size_t at = 0; at <= 40; ++at) {
+            std::string text(48, 'a');
+            text.insert(at, special);
+            MergePreState s;
+            s.createdSameConstraintID = text;
+            const std::string written = encodeJSON(s);
+            ASSERT_EQ(decodeMergePreStateInGeneral(written), s) << written;
+            ASSERT_EQ(decodeMergePreState(written), s) << written;
+            if (special == "/") {
+                EXPECT_NE(written.find(std::string(at, 'a') + "\\/"), std::string::npos) << written;
+            }
+        }
     }
 }
 
