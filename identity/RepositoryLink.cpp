@@ -92,16 +92,17 @@ std::vector<MergePreState::MembershipRowImage> RepositoryCore::membershipRowImag
     }
     const std::string sql = kMembershipImagesHead + store::placeholders(sourceIdentityIDs.size()) +
                             kMembershipImagesTail;
+    // The columns in the order the statement names them.
     db.query(sql, {sourceIdentityIDs}, [&](const store::Row& row) {
         images.push_back(MergePreState::MembershipRowImage{
-            .id = row.text("id"),
-            .sourceIdentityID = row.text("source_identity_id"),
-            .canonicalPersonID = row.text("canonical_person_id"),
-            .state = row.text("state"),
-            .because = row.optionalText("because"),
-            .decidedBy = row.text("decided_by"),
-            .decidedAt = row.text("decided_at"),
-            .endedAt = row.optionalText("ended_at"),
+            .id = row.text(0),
+            .sourceIdentityID = row.text(1),
+            .canonicalPersonID = row.text(2),
+            .state = row.text(3),
+            .because = row.optionalText(4),
+            .decidedBy = row.text(5),
+            .decidedAt = row.text(6),
+            .endedAt = row.optionalText(7),
         });
     });
     return images;
