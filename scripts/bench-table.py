@@ -57,10 +57,11 @@ def measure(binary, out, args):
         return json.load(f)
 
 
-def collect(report):
-    """{(op, scale, encrypted): (seconds per call, statements per call)}"""
+def collect(reports):
+    """{(op, scale, encrypted): (median seconds per call, statements per call)} over
+    every run in the reports."""
     samples = {}
-    for bench in report["benchmarks"]:
+    for bench in (bench for report in reports for bench in report["benchmarks"]):
         if bench.get("run_type") == "aggregate" or bench.get("error_occurred"):
             continue
         match = NAME.match(bench["name"])
@@ -134,7 +135,8 @@ def main():
     parser.add_argument("--min-time", default="0.2",
                         help="seconds of measured time per benchmark (default 0.2)")
     parser.add_argument("--repetitions", type=int, default=1,
-                        help="runs of each benchmark; the table takes the median")
+                        help="rounds: runs of each benchmark, the library's and the "
+                             "floor's in turn; the table takes the median")
     parser.add_argument("--filter", default="",
                         help="only operations matching this regular expression")
     parser.add_argument("--no-build", action="store_true")
@@ -147,28 +149,34 @@ def main():
         run(["cmake", "--build", "--preset", "default", "-j2", "--target", "identity_bench",
              "floor_bench"], cwd=ROOT)
 
-    args = ["--benchmark_min_time=" + options.min_time,
-            "--benchmark_repetitions=" + str(options.repetitions)]
+    args = ["--benchmark_min_time=" + options.min_time]
     if options.filter:
         args.append("--benchmark_filter=BM_(" + options.filter + ")/")
     out_dir = options.keep or tempfile.mkdtemp(prefix="orvik-bench-table-")
     os.makedirs(out_dir, exist_ok=True)
     started = time.time()
     bench_dir = os.path.join(options.build_dir, "bench")
-    library_report = measure(os.path.join(bench_dir, "identity_bench"),
-                             os.path.join(out_dir, "library.json"), args)
-    floor_report = measure(os.path.join(bench_dir, "floor_bench"),
-                           os.path.join(out_dir, "floor.json"), args)
+    # One run of every benchmark of the library, then of the floor, in rounds: a
+    # machine that gets slower or faster for a while moves both sides alike.
+    library_reports = []
+    floor_reports = []
+    for round_number in range(1, options.repetitions + 1):
+        library_reports.append(measure(os.path.join(bench_dir, "identity_bench"),
+                                       os.path.join(out_dir, f"library-{round_number}.json"),
+                                       args))
+        floor_reports.append(measure(os.path.join(bench_dir, "floor_bench"),
+                                     os.path.join(out_dir, f"floor-{round_number}.json"), args))
     elapsed = time.time() - started
 
-    context = library_report.get("context", {})
+    context = library_reports[0].get("context", {})
     load = ", ".join(f"{x:.1f}" for x in context.get("load_avg", []))
     print(f"Measured {time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime(started))} on "
           f"{context.get('num_cpus', '?')} CPUs at {context.get('mhz_per_cpu', '?')} MHz, "
           f"load average {load or '?'}; {elapsed / 60:.1f} minutes; "
-          f"--min-time {options.min_time}, {options.repetitions} repetition(s).")
+          f"--min-time {options.min_time}, {options.repetitions} round(s) of library "
+          f"and floor.")
     print()
-    print(table(collect(library_report), collect(floor_report)))
+    print(table(collect(library_reports), collect(floor_reports)))
     if not options.keep:
         print(f"\nJSON reports: {out_dir}", file=sys.stderr)
 
