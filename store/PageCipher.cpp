@@ -96,6 +96,7 @@ class ThreadContexts {
         EVP_MAC_CTX_free(mac_);
         OPENSSL_cleanse(random_.data(), random_.size());
         OPENSSL_cleanse(macKey_.data(), macKey_.size());
+        OPENSSL_cleanse(cipherKeys_.data(), sizeof cipherKeys_);
     }
 
     // Fills buffer with bytes from OpenSSL's random generator, drawn a few pages'
@@ -139,6 +140,22 @@ class ThreadContexts {
             }
         }
         return slot;
+    }
+
+    // Whether the direction's cipher context was last keyed with this AES-256
+    // key: then its expanded key schedule serves again and only the IV is new.
+    [[nodiscard]] bool cipherKeyedWith(bool encrypt, const unsigned char* key) const {
+        const auto& last = cipherKeys_[encrypt ? 1 : 0];
+        return cipherKeyed_[encrypt ? 1 : 0] && CRYPTO_memcmp(key, last.data(), last.size()) == 0;
+    }
+    // Records the key the direction's context now holds; null: unknown (after a
+    // failure), so that the next page sets its key again.
+    void keyedCipherWith(bool encrypt, const unsigned char* key) {
+        auto& last = cipherKeys_[encrypt ? 1 : 0];
+        cipherKeyed_[encrypt ? 1 : 0] = key != nullptr;
+        if (key != nullptr) {
+            std::memcpy(last.data(), key, last.size());
+        }
     }
 
     // The HMAC context keyed with key, ready for the page; null when OpenSSL
@@ -190,6 +207,9 @@ class ThreadContexts {
     // derived from it anyway).
     std::array<unsigned char, 64> macKey_{};
     std::size_t macKeySize_ = 0;
+    // The AES-256 key each cipher context was last keyed with: decrypt, encrypt.
+    std::array<std::array<unsigned char, kAes256KeySize>, 2> cipherKeys_{};
+    std::array<bool, 2> cipherKeyed_{};
 };
 
 ThreadContexts& threadContexts() {
@@ -208,13 +228,24 @@ bool fastCipher(int mode, const unsigned char* key, int keySize, const unsigned 
     if (keySize != kAes256KeySize || inSize <= 0 || inSize % 16 != 0) {
         return false;
     }
-    EVP_CIPHER_CTX* ctx = threadContexts().cipher(mode == kEncrypt);
+    ThreadContexts& contexts = threadContexts();
+    const bool encrypt = mode == kEncrypt;
+    EVP_CIPHER_CTX* ctx = contexts.cipher(encrypt);
+    if (ctx == nullptr) {
+        return false;
+    }
+    // One database's pages, one after the other, share the key: setting only the
+    // IV keeps the expanded key schedule.
+    const bool sameKey = contexts.cipherKeyedWith(encrypt, key);
     int written = 0;
     // No EVP_CipherFinal_ex: without padding and whole blocks it adds nothing, and
     // with padding (were OpenSSL to turn it back on) it would write past the page.
-    return ctx != nullptr && EVP_CipherInit_ex2(ctx, nullptr, key, iv, -1, nullptr) == 1 &&
-           EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 &&
-           EVP_CipherUpdate(ctx, out, &written, in, inSize) == 1 && written == inSize;
+    const bool done =
+        EVP_CipherInit_ex2(ctx, nullptr, sameKey ? nullptr : key, iv, -1, nullptr) == 1 &&
+        EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 &&
+        EVP_CipherUpdate(ctx, out, &written, in, inSize) == 1 && written == inSize;
+    contexts.keyedCipherWith(encrypt, done ? key : nullptr);
+    return done;
 }
 
 int pageCipher(void* ctx, int mode, unsigned char* key, int keySize, unsigned char* iv,

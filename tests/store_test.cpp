@@ -340,15 +340,17 @@ TEST(PageCipher, AgreesWithSqlciphersOwnProviderByteForByte) {
         }
     };
     for (const std::size_t size : {16U, 976U, 4048U, 65488U}) {
-        // One key for several pages, as a database uses it, then the next.
-        unsigned char key[32];
-        fill(key, sizeof key);
-        for (int round = 0; round < 3; ++round) {
+        // One key for several pages, as a database uses it, then another and back
+        // again, as two databases on one thread do.
+        unsigned char keys[2][32];
+        fill(keys[0], sizeof keys[0]);
+        fill(keys[1], sizeof keys[1]);
+        for (int round = 0; round < 5; ++round) {
             std::vector<unsigned char> page(size);
             unsigned char iv[16];
             fill(page.data(), size);
             fill(iv, sizeof iv);
-            EXPECT_EQ(comparePageCipherWithSqlcipher(page.data(), size, key, iv,
+            EXPECT_EQ(comparePageCipherWithSqlcipher(page.data(), size, keys[round / 2 % 2], iv,
                                                      static_cast<unsigned>(random())),
                       "")
                 << "page of " << size << " bytes, round " << round;
