@@ -73,7 +73,7 @@ void requireOneRow(int changed) {
 // Reads only: every post-image must still match the store.
 void verifyPostImages(const MergePreState& s, RepositoryCore& core, store::Connection& db) {
     const auto current = core.membershipRowImages(affectedIdentityIDs(s), db);
-    std::map<std::string, const MergePreState::MembershipRowImage*> postByID;
+    std::map<std::string_view, const MergePreState::MembershipRowImage*> postByID;
     for (const auto& image : s.membershipPostImages) {
         postByID.emplace(image.id, &image);
     }
@@ -93,7 +93,7 @@ void verifyPostImages(const MergePreState& s, RepositoryCore& core, store::Conne
         db.query(kSelectClaimOwner, {image.id}, [&](const store::Row& row) {
             if (!found) {
                 found = true;
-                owner = row.optionalText("person_id");
+                owner = row.optionalText(0);  // the one column selected
             }
         });
         if (!found || !owner || *owner != image.postimagePersonID) {
@@ -108,10 +108,16 @@ void verifyPostImages(const MergePreState& s, RepositoryCore& core, store::Conne
             ids.push_back(image.id);
         }
         const auto stored = core.personRowImages(ids, db);
-        auto expected = s.personPostImages;
+        // The images in the order of the rows read back (by id), compared in place.
+        std::vector<const MergePreState::PersonRowImage*> expected;
+        expected.reserve(s.personPostImages.size());
+        for (const auto& image : s.personPostImages) {
+            expected.push_back(&image);
+        }
         std::stable_sort(expected.begin(), expected.end(),
-                         [](const auto& a, const auto& b) { return a.id < b.id; });
-        if (stored != expected) {
+                         [](const auto* a, const auto* b) { return a->id < b->id; });
+        if (!std::equal(stored.begin(), stored.end(), expected.begin(), expected.end(),
+                        [](const auto& row, const auto* image) { return row == *image; })) {
             superseded();
         }
     }
@@ -196,7 +202,7 @@ UndoMergeResult RepositoryCore::undoMerge(const std::string& mergeEventID,
                  [&](const store::Row& row) {
                      if (!found) {
                          found = true;
-                         openLoopID = row.optionalText("open_loop_id");
+                         openLoopID = row.optionalText(0);  // the one column selected
                      }
                  });
         if (openLoopID) {
