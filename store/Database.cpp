@@ -503,7 +503,6 @@ void Connection::executeCached(const std::string& sql) {
 }
 
 Connection::~Connection() {
-    recent_ = {};
     cache_.clear();
     sqlite3_close_v2(db_);
 }
