@@ -131,9 +131,12 @@ std::size_t plainRunEnd(std::string_view text, std::size_t at) {
 class SnapshotWriter {
   public:
     // A snapshot of a link or a merge of two small persons takes about 2 KB.
-    SnapshotWriter() { out_.reserve(4096); }
+    SnapshotWriter() : out_(4096, '\0'), at_(out_.data()), end_(at_ + out_.size()) {}
 
-    [[nodiscard]] std::string take() && { return std::move(out_); }
+    [[nodiscard]] std::string take() && {
+        out_.resize(static_cast<std::size_t>(at_ - out_.data()));
+        return std::move(out_);
+    }
 
     void value(const MergePreState& s) {
         beginObject();
@@ -219,24 +222,32 @@ class SnapshotWriter {
         endObject();
     }
 
+    // The keys here are data (identity ids), so unlike field names they are
+    // escaped like any other string.
     void value(const std::map<std::string, std::string>& map) {
         beginObject();
         for (const auto& [key, text] : map) {
-            field(key, text);
+            if (!firstField_) {
+                put(',');
+            }
+            value(key);
+            put(':');
+            value(text);
+            firstField_ = false;
         }
         endObject();
     }
 
     template <class T>
     void value(const std::vector<T>& items) {
-        out_ += '[';
+        put('[');
         for (std::size_t i = 0; i < items.size(); ++i) {
             if (i > 0) {
-                out_ += ',';
+                put(',');
             }
             value(items[i]);
         }
-        out_ += ']';
+        put(']');
     }
 
     void value(std::string_view text) {
@@ -244,11 +255,13 @@ class SnapshotWriter {
         // Written as a backslash pair; "/" included, as in snapshots already stored.
         static constexpr std::string_view shortEscaped = "\"\\/\b\f\n\r\t";
         static constexpr std::string_view shortEscapes = "\"\\/bfnrt";
-        out_ += '"';
+        // Room for the common case, a string without escapes, in one check.
+        room(text.size() + 2);
+        put('"');
         for (std::size_t i = 0; i < text.size();) {
-            // A run of bytes written as they are, appended at once.
+            // A run of bytes written as they are, copied at once.
             const std::size_t plain = plainRunEnd<true>(text, i);
-            out_.append(text.substr(i, plain - i));
+            put(text.substr(i, plain - i));
             i = plain;
             if (i == text.size()) {
                 break;
@@ -260,32 +273,38 @@ class SnapshotWriter {
                 if (length == 0) {
                     throw IdentityStoreError(IdentityStoreError::Case::corruptRestoreMap);
                 }
-                out_.append(text.substr(i, length));
+                put(text.substr(i, length));
                 i += length;
                 continue;
             }
             if (const std::size_t k = shortEscaped.find(c); k != std::string_view::npos) {
-                out_ += '\\';
-                out_ += shortEscapes[k];
+                room(2);
+                *at_++ = '\\';
+                *at_++ = shortEscapes[k];
             } else if (byte < 0x20) {
-                out_ += "\\u00";
-                out_ += hex[byte >> 4];
-                out_ += hex[byte & 0x0F];
+                room(6);
+                at_ = std::copy_n("\\u00", 4, at_);
+                *at_++ = hex[byte >> 4];
+                *at_++ = hex[byte & 0x0F];
             } else {
-                out_ += c;
+                put(c);
             }
             ++i;
         }
-        out_ += '"';
+        put('"');
     }
 
+    // name is one of the format's field names: plain ASCII, written as it is.
     template <class T>
-    void field(std::string_view key, const T& fieldValue) {
+    void field(std::string_view name, const T& fieldValue) {
+        room(name.size() + 4);
         if (!firstField_) {
-            out_ += ',';
+            *at_++ = ',';
         }
-        value(key);
-        out_ += ':';
+        *at_++ = '"';
+        at_ = std::copy_n(name.data(), name.size(), at_);
+        *at_++ = '"';
+        *at_++ = ':';
         value(fieldValue);
         firstField_ = false;
     }
@@ -299,18 +318,40 @@ class SnapshotWriter {
     }
 
     void beginObject() {
-        out_ += '{';
+        put('{');
         firstField_ = true;
     }
 
     // Whatever encloses a finished object has just received a value, so the next
     // field there needs a comma.
     void endObject() {
-        out_ += '}';
+        put('}');
         firstField_ = false;
     }
 
+    // The text is written through a cursor into out_, which is kept larger than
+    // what it holds until take() trims it: a byte costs a store, where appending
+    // to a std::string checks and updates its length each time.
+    void room(std::size_t n) {
+        if (static_cast<std::size_t>(end_ - at_) < n) {
+            const auto used = static_cast<std::size_t>(at_ - out_.data());
+            out_.resize(std::max(out_.size() * 2, used + n));
+            at_ = out_.data() + used;
+            end_ = out_.data() + out_.size();
+        }
+    }
+    void put(char c) {
+        room(1);
+        *at_++ = c;
+    }
+    void put(std::string_view bytes) {
+        room(bytes.size());
+        at_ = std::copy_n(bytes.data(), bytes.size(), at_);
+    }
+
     std::string out_;
+    char* at_;
+    char* end_;
     bool firstField_ = true;
 };
 

@@ -170,6 +170,25 @@ TEST(MergePreStateCodec, LongTextsRoundTripWithASpecialByteAtEveryOffset) {
     }
 }
 
+// The writer starts with a buffer of a few kilobytes and grows it where a value,
+// an escape or a field name no longer fits; the growth must fall on every kind
+// of write somewhere in these snapshots.
+TEST(MergePreStateCodec, SnapshotsLargerThanTheFirstBufferRoundTrip) {
+    for (std::size_t rows = 30; rows <= 100; rows += 7) {
+        MergePreState s;
+        for (std::size_t i = 0; i < rows; ++i) {
+            const std::string n = std::to_string(i);
+            s.membershipPreimages.push_back(
+                {"m" + n, "si/" + n, "p" + n, "confirmed", "\x01\"" + n + "\n", "user", "t", none});
+            s.priorClaimPersonID["c/" + n] = "p" + n;
+        }
+        const std::string written = encodeJSON(s);
+        ASSERT_GT(written.size(), 4096u);
+        ASSERT_EQ(decodeMergePreStateInGeneral(written), s) << rows;
+        EXPECT_EQ(decodeMergePreState(written), s) << rows;
+    }
+}
+
 TEST(MergePreStateCodec, EncodeRefusesMalformedUtf8AnywhereInTheSnapshot) {
     for (const std::string text :
          {"a\xC3(", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80"}) {
