@@ -490,6 +490,11 @@ struct MergePreState {
 // required (missing or null: no result); the other lists default to empty. Absent
 // when the text is not a valid snapshot; never throws.
 [[nodiscard]] std::optional<MergePreState> decodeMergePreState(std::string_view text) noexcept;
+// The same into state, whose strings and lists keep their storage where the text
+// fills them again: decoding many snapshots into one record allocates little.
+// False when the text is not a valid snapshot; state is then left valid but
+// unspecified.
+[[nodiscard]] bool decodeMergePreStateInto(std::string_view text, MergePreState& state) noexcept;
 // The same through the general JSON reader alone: what decodeMergePreState answers
 // for every text (it reads the usual shape directly and defers the rest to this).
 [[nodiscard]] std::optional<MergePreState> decodeMergePreStateInGeneral(

@@ -252,13 +252,18 @@ struct OperationMemo {
         "identity_membership"};
     ReadMemo<std::string, std::optional<MergeEventRow>> mergeEvents{"merge_event"};
     ReadMemo<int, std::string> ownerPerson{"owner_ego"};
-    // Snapshots decoded within the operation, by merge event, with the text each
-    // was decoded from (null: not decodable), in the memoised event row.
+    // Snapshots decoded within the operation: the merge event, the text decoded
+    // (in the memoised event row) and what it decoded to. The first
+    // snapshotCount are this transaction's; the others stay from earlier ones,
+    // so that the next snapshots decode into strings and lists already allocated.
     struct DecodedSnapshot {
-        const std::string* text;
-        std::shared_ptr<const MergePreState> snapshot;
+        std::string eventID;
+        const std::string* text = nullptr;
+        bool decodable = false;
+        std::shared_ptr<MergePreState> snapshot;
     };
-    std::unordered_map<std::string, DecodedSnapshot> snapshots;
+    std::vector<DecodedSnapshot> snapshots;
+    std::size_t snapshotCount = 0;
     // Owner tests by (source type, handle) and by person.
     ReadMemo<std::pair<std::string, std::string>, bool> ownerIdentities{
         "owner_alias", "source_account", "owner_ego", "source_identity", "identity_membership"};

@@ -547,7 +547,11 @@ class SnapshotScanner {
             seen |= 1u << index;
             if (null) {
                 // A null required value is malformed: left to the general reader.
-                return (kRequired & (1u << index)) == 0;
+                if ((kRequired & (1u << index)) != 0) {
+                    return false;
+                }
+                clearMember(s, index);
+                return true;
             }
             switch (index) {
                 case 0:
@@ -573,7 +577,7 @@ class SnapshotScanner {
                 case 10:
                     return list(s.claimOwnershipImages);
                 case 11:
-                    return string(s.createdSameConstraintID.emplace());
+                    return string(reused(s.createdSameConstraintID));
                 case 12:
                     return list(s.captureAssociationImages);
                 case 13:
@@ -585,10 +589,64 @@ class SnapshotScanner {
             }
         });
         skipSpace();
-        return read && at_ == text_.size() && (seen & kRequired) == kRequired;
+        if (!read || at_ != text_.size() || (seen & kRequired) != kRequired) {
+            return false;
+        }
+        // Members an older snapshot lacks: what s held before goes.
+        for (std::size_t index = 0; index < kMembers.size(); ++index) {
+            if ((seen & (1u << index)) == 0) {
+                clearMember(s, index);
+            }
+        }
+        return true;
     }
 
   private:
+    // Empties the member at index (in the order of kMembers), as a snapshot
+    // without it decodes.
+    static void clearMember(MergePreState& s, std::size_t index) {
+        switch (index) {
+            case 0:
+                return s.priorActiveMemberships.clear();
+            case 1:
+                return s.priorClaimPersonID.clear();
+            case 2:
+                return s.writtenMembershipIDs.clear();
+            case 3:
+                return s.revokedDifferentConstraintIDs.clear();
+            case 4:
+                return s.createdDifferentConstraintIDs.clear();
+            case 5:
+                return s.membershipPreimages.clear();
+            case 6:
+                return s.membershipPostImages.clear();
+            case 7:
+                return s.preExistingSurvivorClaimIDs.clear();
+            case 8:
+                return s.personPreimages.clear();
+            case 9:
+                return s.personPostImages.clear();
+            case 10:
+                return s.claimOwnershipImages.clear();
+            case 11:
+                return s.createdSameConstraintID.reset();
+            case 12:
+                return s.captureAssociationImages.clear();
+            case 13:
+                return s.followUpOwnershipImages.clear();
+            case 14:
+                return s.openLoopOwnershipImages.clear();
+            default:
+                return s.dispositionKeyImages.clear();
+        }
+    }
+
+    // The string an optional holds, made present; one it held already keeps its
+    // storage for the text read into it.
+    static std::string& reused(std::optional<std::string>& optional) {
+        return optional ? *optional : optional.emplace();
+    }
+
     // One record's fields: the name, the field, and whether it is required.
     struct Field {
         std::string_view name;
@@ -609,10 +667,14 @@ class SnapshotScanner {
                 }
                 seen |= 1u << i;
                 if (null) {
-                    return fields[i].optional != nullptr;
+                    if (fields[i].optional == nullptr) {
+                        return false;
+                    }
+                    fields[i].optional->reset();
+                    return true;
                 }
                 return fields[i].text != nullptr ? string(*fields[i].text)
-                                                 : string(fields[i].optional->emplace());
+                                                 : string(reused(*fields[i].optional));
             }
             return false;
         });
@@ -620,9 +682,13 @@ class SnapshotScanner {
             return false;
         }
         for (std::size_t i = 0; i < N; ++i) {
-            if (fields[i].text != nullptr && (seen & (1u << i)) == 0) {
+            if ((seen & (1u << i)) != 0) {
+                continue;
+            }
+            if (fields[i].text != nullptr) {
                 return false;
             }
+            fields[i].optional->reset();  // absent, whatever the record held before
         }
         return true;
     }
@@ -688,19 +754,26 @@ class SnapshotScanner {
         }
         skipSpace();
         if (take(']')) {
+            out.clear();
             return true;
         }
+        // The items out holds already are read into, keeping their storage.
+        std::size_t count = 0;
         do {
             skipSpace();
-            if (!value(out.emplace_back())) {
+            T& item = count < out.size() ? out[count] : out.emplace_back();
+            ++count;
+            if (!value(item)) {
                 return false;
             }
             skipSpace();
         } while (take(','));
+        out.erase(out.begin() + static_cast<std::ptrdiff_t>(count), out.end());
         return take(']');
     }
 
     bool map(std::map<std::string, std::string>& out) {
+        out.clear();
         return object([&](std::string_view key, bool null) {
             if (null) {
                 return false;
@@ -921,16 +994,32 @@ std::string encodeJSON(const MergePreState& state) {
     return std::move(writer).take();
 }
 
-std::optional<MergePreState> decodeMergePreState(std::string_view text) noexcept {
+bool decodeMergePreStateInto(std::string_view text, MergePreState& state) noexcept {
     try {
-        MergePreState state;
         if (SnapshotScanner(text).snapshot(state)) {
-            return state;
+            return true;
         }
     } catch (...) {
         // Out of memory: the general reader decides.
     }
-    return decodeMergePreStateInGeneral(text);
+    auto general = decodeMergePreStateInGeneral(text);
+    if (!general) {
+        return false;
+    }
+    state = std::move(*general);
+    return true;
+}
+
+std::optional<MergePreState> decodeMergePreState(std::string_view text) noexcept {
+    try {
+        MergePreState state;
+        if (decodeMergePreStateInto(text, state)) {
+            return state;
+        }
+    } catch (...) {
+        // Out of memory before anything was read.
+    }
+    return std::nullopt;
 }
 
 std::optional<MergePreState> decodeMergePreStateInGeneral(std::string_view text) noexcept {

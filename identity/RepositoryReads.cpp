@@ -229,23 +229,37 @@ const std::optional<MergeEventRow>& RepositoryCore::mergeEventRow(const std::str
 std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const MergeEventRow& event,
                                                                      store::Connection& db) {
     OperationMemo* memo = OperationMemo::of(db);
-    if (memo != nullptr) {
-        // The text decoded before is a memoised row's, alive until the transaction
-        // ends: the same row is recognised by its address, a row read again after
-        // a write by its text.
-        if (const auto it = memo->snapshots.find(event.id);
-            it != memo->snapshots.end() && (it->second.text == &event.preMergeStateJSON ||
-                                            *it->second.text == event.preMergeStateJSON)) {
-            return it->second.snapshot;
+    if (memo == nullptr) {
+        auto decoded = decodeMergePreState(event.preMergeStateJSON);
+        return decoded ? std::make_shared<const MergePreState>(std::move(*decoded)) : nullptr;
+    }
+    // The text decoded before is a memoised row's, alive until the transaction
+    // ends: the same row is recognised by its address, a row read again after a
+    // write by its text. An event whose text changed is decoded again in its place.
+    auto& entries = memo->snapshots;
+    std::size_t at = 0;
+    while (at < memo->snapshotCount && entries[at].eventID != event.id) {
+        ++at;
+    }
+    if (at < memo->snapshotCount && (entries[at].text == &event.preMergeStateJSON ||
+                                     *entries[at].text == event.preMergeStateJSON)) {
+        return entries[at].decodable ? entries[at].snapshot : nullptr;
+    }
+    if (at == memo->snapshotCount) {
+        if (at == entries.size()) {
+            entries.emplace_back();
         }
+        ++memo->snapshotCount;
     }
-    auto decoded = decodeMergePreState(event.preMergeStateJSON);
-    std::shared_ptr<const MergePreState> snapshot =
-        decoded ? std::make_shared<const MergePreState>(std::move(*decoded)) : nullptr;
-    if (memo != nullptr) {
-        memo->snapshots[event.id] = {&event.preMergeStateJSON, snapshot};
+    auto& entry = entries[at];
+    entry.eventID.assign(event.id);
+    entry.text = &event.preMergeStateJSON;
+    // Decoded into in place only where nobody else holds the record.
+    if (entry.snapshot.use_count() != 1) {
+        entry.snapshot = std::make_shared<MergePreState>();
     }
-    return snapshot;
+    entry.decodable = decodeMergePreStateInto(event.preMergeStateJSON, *entry.snapshot);
+    return entry.decodable ? entry.snapshot : nullptr;
 }
 
 std::optional<MergeEventRow> RepositoryCore::latestUndoableMergeEventRow(
@@ -363,9 +377,13 @@ void OperationMemo::clear() noexcept {
     activeMembershipsOfPerson.clear();
     mergeEvents.clear();
     ownerPerson.clear();
-    if (!snapshots.empty()) {
-        snapshots.clear();
+    // A snapshot somebody still holds is theirs; the others are decoded into again.
+    for (std::size_t i = 0; i < snapshotCount; ++i) {
+        if (snapshots[i].snapshot.use_count() > 1) {
+            snapshots[i].snapshot.reset();
+        }
     }
+    snapshotCount = 0;
     ownerIdentities.clear();
     ownerPersons.clear();
     arena_.release();

@@ -189,6 +189,55 @@ TEST(MergePreStateCodec, SnapshotsLargerThanTheFirstBufferRoundTrip) {
     }
 }
 
+// A record decoded into again keeps nothing of the snapshot it held: every pair
+// of these, one decoded over the other, reads as the second on its own. Lists
+// grow and shrink, optionals come and go (absent and null), older snapshots
+// lack members, and some texts are only read by the general reader.
+TEST(MergePreStateCodec, DecodingIntoARecordThatHeldAnotherSnapshotReadsOnlyTheNewOne) {
+    MergePreState full;
+    full.priorActiveMemberships = {{"m1", "s1", "p1", "confirmed", "why", "user", "t0"},
+                                   {"m2", "s2", "p1", "confirmed", none, "user", "t0"}};
+    full.priorClaimPersonID = {{"c1", "p1"}, {"c2", "p2"}};
+    full.writtenMembershipIDs = {"m3", "m4", "m5"};
+    full.membershipPreimages = {{"m1", "s1", "p1", "confirmed", "a\"b", "user", "t0", "t9"}};
+    full.membershipPostImages = {{"m1", "s1", "p2", "ended", "x", "user", "t0", "t1"},
+                                 {"m3", "s3", "p2", "confirmed", none, "user", "t1", none}};
+    full.personPreimages = {{"p2", "Zoë", "auto", "capture/1", "p1"}};
+    full.createdSameConstraintID = "k1";
+    full.captureAssociationImages = {{"o1", "p2", "p1", "ended", "t2"}};
+    full.dispositionKeyImages = {{"p2|x", "p1|x", "p2", "p1"}};
+    MergePreState small;
+    small.writtenMembershipIDs = {"m9"};
+    small.membershipPostImages = {{"m9", "s9", "p9", "confirmed", none, "user", "t5", none}};
+    small.personPreimages = {{"p9", none, "auto", none, none}};
+
+    const std::vector<std::string> texts = {
+        encodeJSON(full),
+        encodeJSON(small),
+        encodeJSON(MergePreState{}),
+        minimalWith(""),
+        minimalWith(R"(,"createdSameConstraintID":null,"membershipPostImages":null)"),
+        minimalWith(R"(,"membershipPostImages":[{"id":"m1","sourceIdentityID":"s1",)"
+                    R"("canonicalPersonID":"p2","state":"ended","because":null,)"
+                    R"("decidedBy":"user","decidedAt":"t0"}])"),
+        minimalWith(R"(,"future":[1],"createdSameConstraintID":"k2")"),
+        "\xEF\xBB\xBF" + encodeJSON(small),
+        "not a snapshot",
+    };
+    for (const std::string& first : texts) {
+        for (const std::string& second : texts) {
+            MergePreState state;
+            (void)decodeMergePreStateInto(first, state);
+            const bool decoded = decodeMergePreStateInto(second, state);
+            const auto alone = decodeMergePreState(second);
+            ASSERT_EQ(decoded, alone.has_value()) << first << "\nthen " << second;
+            if (alone) {
+                EXPECT_EQ(state, *alone) << first << "\nthen " << second;
+            }
+        }
+    }
+}
+
 TEST(MergePreStateCodec, EncodeRefusesMalformedUtf8AnywhereInTheSnapshot) {
     for (const std::string text :
          {"a\xC3(", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80"}) {
