@@ -457,6 +457,10 @@ class RepositoryCore {
     // Every membership row (active or ended) of the identities, in id order.
     std::vector<MergePreState::MembershipRowImage> membershipRowImages(
         const std::vector<std::string>& sourceIdentityIDs, store::Connection& db);
+    // Whether those rows are exactly these images, in any order.
+    bool membershipRowsAre(const std::vector<MergePreState::MembershipRowImage>& expected,
+                           const std::vector<std::string>& sourceIdentityIDs,
+                           store::Connection& db);
 
     // --- Person merge -----------------------------------------------------------------
 

@@ -1,5 +1,7 @@
 // Linking one source identity to one person, with the snapshot that lets the
 // link be undone exactly.
+#include <algorithm>
+
 #include "identity/IdentityRepositoryInternal.h"
 
 namespace orvik::identity::internal {
@@ -106,6 +108,44 @@ std::vector<MergePreState::MembershipRowImage> RepositoryCore::membershipRowImag
         });
     });
     return images;
+}
+
+bool RepositoryCore::membershipRowsAre(
+    const std::vector<MergePreState::MembershipRowImage>& expected,
+    const std::vector<std::string>& sourceIdentityIDs, store::Connection& db) {
+    if (sourceIdentityIDs.empty()) {
+        return expected.empty();
+    }
+    // The rows come in id order (bytewise, as std::string compares): the k-th row
+    // must be the k-th image by id.
+    std::vector<const MergePreState::MembershipRowImage*> byID;
+    byID.reserve(expected.size());
+    for (const auto& image : expected) {
+        byID.push_back(&image);
+    }
+    std::sort(byID.begin(), byID.end(), [](const auto* a, const auto* b) { return a->id < b->id; });
+    const auto optionalIs = [](const store::Row& row, int column,
+                               const std::optional<std::string>& value) {
+        return row.isNull(column) ? !value : value && *value == row.view(column);
+    };
+    std::size_t rows = 0;
+    bool same = true;
+    const std::string sql = kMembershipImagesHead + store::placeholders(sourceIdentityIDs.size()) +
+                            kMembershipImagesTail;
+    // Compared where SQLite holds the row, in the order the statement names the
+    // columns.
+    db.query(sql, {sourceIdentityIDs}, [&](const store::Row& row) {
+        if (!same || rows == byID.size()) {
+            same = false;
+            return;
+        }
+        const auto& image = *byID[rows++];
+        same = image.id == row.view(0) && image.sourceIdentityID == row.view(1) &&
+               image.canonicalPersonID == row.view(2) && image.state == row.view(3) &&
+               optionalIs(row, 4, image.because) && image.decidedBy == row.view(5) &&
+               image.decidedAt == row.view(6) && optionalIs(row, 7, image.endedAt);
+    });
+    return same && rows == byID.size();
 }
 
 MergePreState::PriorMembership priorMembership(const IdentityMembershipRow& row) {

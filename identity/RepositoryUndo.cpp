@@ -72,19 +72,8 @@ void requireOneRow(int changed) {
 
 // Reads only: every post-image must still match the store.
 void verifyPostImages(const MergePreState& s, RepositoryCore& core, store::Connection& db) {
-    const auto current = core.membershipRowImages(affectedIdentityIDs(s), db);
-    std::map<std::string_view, const MergePreState::MembershipRowImage*> postByID;
-    for (const auto& image : s.membershipPostImages) {
-        postByID.emplace(image.id, &image);
-    }
-    if (current.size() != s.membershipPostImages.size()) {
+    if (!core.membershipRowsAre(s.membershipPostImages, affectedIdentityIDs(s), db)) {
         superseded();
-    }
-    for (const auto& row : current) {
-        const auto found = postByID.find(row.id);
-        if (found == postByID.end() || !(*found->second == row)) {
-            superseded();
-        }
     }
 
     for (const auto& image : s.claimOwnershipImages) {
@@ -157,12 +146,15 @@ UndoMergeResult RepositoryCore::undoMerge(const std::string& mergeEventID,
 
     // Nothing has been written up to here; from now on every write may still
     // fail, and the caller's transaction then rolls all of them back.
-    std::set<std::string> preIDs;
+    // A post-image without a preimage is a row the change added: it ends.
+    std::vector<std::string_view> preIDs;
+    preIDs.reserve(s.membershipPreimages.size());
     for (const auto& image : s.membershipPreimages) {
-        preIDs.insert(image.id);
+        preIDs.push_back(image.id);
     }
+    std::sort(preIDs.begin(), preIDs.end());
     for (const auto& image : s.membershipPostImages) {
-        if (!preIDs.contains(image.id)) {
+        if (!std::binary_search(preIDs.begin(), preIDs.end(), std::string_view(image.id))) {
             requireOneRow(db.run(kEndMembership, {decidedAt, image.id}));
         }
     }

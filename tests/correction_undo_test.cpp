@@ -293,6 +293,20 @@ TEST(CorrectionUndo, LaterChangesSupersedeAnUndoUntilTheyArePutBack) {
         {"same constraint revoked",
          "UPDATE identity_constraint SET revoked_at = '2031-01-01T00:00:00Z' WHERE kind = 'same'",
          "UPDATE identity_constraint SET revoked_at = NULL WHERE kind = 'same'"},
+        {"ended membership's reason cleared",
+         "UPDATE identity_membership SET because = NULL WHERE id = 'mB1x'",
+         "UPDATE identity_membership SET because = 'old' WHERE id = 'mB1x'"},
+        {"ended membership's end moved",
+         "UPDATE identity_membership SET ended_at = '2031-01-01T00:00:00Z' WHERE id = 'mB1x'",
+         "UPDATE identity_membership SET ended_at = '2021-03-04T05:06:07Z' WHERE id = 'mB1x'"},
+        {"membership added to a merged identity",
+         "INSERT INTO identity_membership VALUES ('mX','iB2','pC','possible',NULL,'auto',"
+         "'2031-01-01T00:00:00Z',NULL,'2031-01-01T00:00:00Z')",
+         "DELETE FROM identity_membership WHERE id = 'mX'"},
+        {"membership of a merged identity deleted",
+         "DELETE FROM identity_membership WHERE id = 'mB1x'",
+         "INSERT INTO identity_membership VALUES ('mB1x','iB1','pC','confirmed','old','user',"
+         "'2020-03-05T00:00:00Z','2021-03-04T05:06:07Z','2020-03-05T00:00:00Z')"},
     };
     for (const auto& [name, apply, putBack] : changes) {
         SCOPED_TRACE(name);
