@@ -14,6 +14,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -504,6 +505,25 @@ class SnapshotReader {
 
 // The direct reader for snapshots in the common shape. Each read returns false
 // when the text leaves that shape; the caller then asks the general reader.
+// The index of key among the names, looked for at `from` first and then round
+// from there: reading what the writer wrote, the next key is the one after the
+// last. names.size() when the key is none of them.
+template <class Names, class Projection = std::identity>
+std::size_t nameIndex(const Names& names, std::string_view key, std::size_t from,
+                      Projection project = {}) {
+    const std::size_t count = names.size();
+    for (std::size_t k = 0; k < count; ++k) {
+        std::size_t i = from + k;
+        if (i >= count) {
+            i -= count;
+        }
+        if (std::invoke(project, names[i]) == key) {
+            return i;
+        }
+    }
+    return count;
+}
+
 class SnapshotScanner {
   public:
     explicit SnapshotScanner(std::string_view text) : text_(text) {}
@@ -534,12 +554,13 @@ class SnapshotScanner {
         };
         constexpr std::uint32_t kRequired = 0b111;
         std::uint32_t seen = 0;
+        std::size_t next = 0;
         const bool read = object([&](std::string_view key, bool null) {
-            const auto found = std::find(kMembers.begin(), kMembers.end(), key);
-            if (found == kMembers.end()) {
+            const std::size_t index = nameIndex(kMembers, key, next);
+            if (index == kMembers.size()) {
                 return false;
             }
-            const auto index = static_cast<std::size_t>(found - kMembers.begin());
+            next = index + 1;
             // A key given twice is left to the general reader (it keeps the last).
             if ((seen & (1u << index)) != 0) {
                 return false;
@@ -657,11 +678,11 @@ class SnapshotScanner {
     template <std::size_t N>
     bool record(const std::array<Field, N>& fields) {
         std::uint32_t seen = 0;
+        std::size_t next = 0;
         const bool read = object([&](std::string_view key, bool null) {
-            for (std::size_t i = 0; i < N; ++i) {
-                if (fields[i].name != key) {
-                    continue;
-                }
+            const std::size_t i = nameIndex(fields, key, next, &Field::name);
+            if (i < N) {
+                next = i + 1;
                 if ((seen & (1u << i)) != 0) {
                     return false;
                 }
@@ -968,6 +989,10 @@ class SnapshotScanner {
     void skipPlain() { at_ = plainRunEnd<false>(text_, at_); }
 
     void skipSpace() {
+        // The writer writes none: one look at the next byte, as a rule.
+        if (at_ == text_.size() || static_cast<unsigned char>(text_[at_]) > ' ') {
+            return;
+        }
         while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' ||
                                       text_[at_] == '\n' || text_[at_] == '\r')) {
             ++at_;
