@@ -10,6 +10,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -104,8 +105,42 @@ struct TextHash {
     using is_transparent = void;
     // Deliberately not noexcept: libstdc++ then keeps each key's hash in its node,
     // instead of hashing the keys again while it walks a bucket or rehashes.
+    //
+    // Eight bytes at a time, each folded in with one multiplication: the keys are
+    // identifiers of a few dozen bytes, looked up for every row of a constraint
+    // scan, and std::hash takes three times as long over them. The last word
+    // overlaps the one before it where the length is not a multiple of eight.
     std::size_t operator()(std::string_view text) const {
-        return std::hash<std::string_view>{}(text);
+        constexpr std::uint64_t kOdd = 0x9E3779B97F4A7C15ULL;
+        const auto fold = [](std::uint64_t h, std::uint64_t word) {
+            h = (h ^ word) * kOdd;
+            return h ^ (h >> 32);
+        };
+        const char* bytes = text.data();
+        const std::size_t size = text.size();
+        std::uint64_t h = (size + 1) * kOdd;
+        if (size >= 8) {
+            for (std::size_t at = 0; at + 8 < size; at += 8) {
+                h = fold(h, load<std::uint64_t>(bytes + at));
+            }
+            h = fold(h, load<std::uint64_t>(bytes + size - 8));
+        } else if (size >= 4) {
+            h = fold(h, load<std::uint32_t>(bytes) |
+                            std::uint64_t{load<std::uint32_t>(bytes + size - 4)} << 32);
+        } else if (size > 0) {
+            h = fold(h, std::uint64_t{static_cast<unsigned char>(bytes[0])} |
+                            std::uint64_t{static_cast<unsigned char>(bytes[size / 2])} << 8 |
+                            std::uint64_t{static_cast<unsigned char>(bytes[size - 1])} << 16);
+        }
+        return static_cast<std::size_t>(h ^ (h >> 29));
+    }
+
+  private:
+    template <typename Word>
+    static Word load(const char* bytes) {
+        Word word;
+        std::memcpy(&word, bytes, sizeof word);
+        return word;
     }
 };
 struct TextEqual {
@@ -116,8 +151,9 @@ template <typename Value>
 using TextMap = std::pmr::unordered_map<MemoString, Value, TextHash, TextEqual>;
 
 // The b ends of the live person-person "different" constraints, filed by the
-// absorption head of their a end.
-using PersonPairIndex = TextMap<std::pmr::vector<MemoString>>;
+// absorption head of their a end. The ends are views of the scanned rows
+// (OperationMemo::PersonPairEnds), which must outlive the index.
+using PersonPairIndex = TextMap<std::pmr::vector<std::string_view>>;
 
 // The answers of one kind of read by key, kept until the transaction writes one
 // of the tables the read depends on (as the connection's update hook counts
@@ -304,7 +340,7 @@ const Value& memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationM
 }
 
 // Files each (a_id, b_id) under the head of a_id, in memory from resource.
-// Resolves every a end, none of the b ends.
+// Resolves every a end, none of the b ends. The index views the b ends in ends.
 PersonPairIndex indexByHeadOfA(const OperationMemo::PersonPairEnds& ends, RepositoryCore& core,
                                store::Connection& db, std::pmr::memory_resource* resource);
 
@@ -321,6 +357,7 @@ class PersonDifferenceIndex {
   private:
     RepositoryCore& core_;
     store::Connection& db_;
+    std::optional<OperationMemo::PersonPairEnds> ends_;  // what index_ views
     std::optional<PersonPairIndex> index_;
 };
 

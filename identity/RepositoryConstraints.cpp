@@ -85,7 +85,7 @@ PersonPairIndex indexByHeadOfA(const OperationMemo::PersonPairEnds& ends, Reposi
                                store::Connection& db, std::pmr::memory_resource* resource) {
     PersonPairIndex index(resource);
     for (const auto& [a, b] : ends) {
-        index[MemoString(core.scannedAbsorptionChainHead(a, db), resource)].push_back(b);
+        index[MemoString(core.scannedAbsorptionChainHead(a, db), resource)].emplace_back(b);
     }
     return index;
 }
@@ -115,8 +115,8 @@ bool PersonDifferenceIndex::differ(const std::string& personA, const std::string
                                             ConstraintSubjectType::person, headB, db_);
     }
     if (!index_) {
-        const auto ends = livePersonPairEnds(db_, std::pmr::get_default_resource());
-        index_ = indexByHeadOfA(ends, core_, db_, std::pmr::get_default_resource());
+        ends_ = livePersonPairEnds(db_, std::pmr::get_default_resource());
+        index_ = indexByHeadOfA(*ends_, core_, db_, std::pmr::get_default_resource());
     }
     return pairedThrough(*index_, headA, headB, core_, db_) ||
            pairedThrough(*index_, headB, headA, core_, db_);
@@ -144,6 +144,7 @@ bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const s
         }
         // Heads are resolved after the scan so that no statement runs inside its
         // row loop.
+        // The resolving only reads, so the memo keeps the ends the index views.
         auto index = indexByHeadOfA(*memo->personPairEnds, *this, db, memo->arena());
         memo = OperationMemo::of(db);
         memo->personPairsByHeadOfA = std::move(index);

@@ -467,7 +467,7 @@ void OperationMemo::personAbsorbed(store::Connection& db, const std::string& sur
                 if (x == heads.end()) {
                     return;
                 }
-                index[x->second.id].push_back(b);
+                index[x->second.id].emplace_back(b);
             }
             personPairsByHeadOfA = std::move(index);
         }
