@@ -300,6 +300,7 @@ struct OperationMemo {
     };
     std::vector<DecodedSnapshot> snapshots;
     std::size_t snapshotCount = 0;
+    static constexpr std::size_t kKeptSnapshots = 8;
     // Owner tests by (source type, handle) and by person.
     ReadMemo<std::pair<std::string, std::string>, bool> ownerIdentities{
         "owner_alias", "source_account", "owner_ego", "source_identity", "identity_membership"};

@@ -143,8 +143,7 @@ bool RepositoryCore::hasDifferentConstraint(ConstraintSubjectType aType, const s
             memo->personPairEnds = livePersonPairEnds(db, memo->arena());
         }
         // Heads are resolved after the scan so that no statement runs inside its
-        // row loop.
-        // The resolving only reads, so the memo keeps the ends the index views.
+        // row loop. Resolving only reads: the memo keeps the ends the index views.
         auto index = indexByHeadOfA(*memo->personPairEnds, *this, db, memo->arena());
         memo = OperationMemo::of(db);
         memo->personPairsByHeadOfA = std::move(index);

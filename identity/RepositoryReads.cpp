@@ -378,9 +378,13 @@ void OperationMemo::clear() noexcept {
     mergeEvents.clear();
     ownerPerson.clear();
     // A snapshot somebody still holds is theirs; the others are decoded into again.
-    for (std::size_t i = 0; i < snapshotCount; ++i) {
-        if (snapshots[i].snapshot.use_count() > 1) {
-            snapshots[i].snapshot.reset();
+    // A batch that decoded many keeps only a few for the connection's life.
+    if (snapshots.size() > kKeptSnapshots) {
+        snapshots.erase(snapshots.begin() + kKeptSnapshots, snapshots.end());
+    }
+    for (auto& entry : snapshots) {
+        if (entry.snapshot.use_count() > 1) {
+            entry.snapshot.reset();
         }
     }
     snapshotCount = 0;
