@@ -503,8 +503,6 @@ class SnapshotReader {
     }
 };
 
-// The direct reader for snapshots in the common shape. Each read returns false
-// when the text leaves that shape; the caller then asks the general reader.
 // The index of key among the names, looked for at `from` first and then round
 // from there: reading what the writer wrote, the next key is the one after the
 // last. names.size() when the key is none of them.
@@ -524,6 +522,8 @@ std::size_t nameIndex(const Names& names, std::string_view key, std::size_t from
     return count;
 }
 
+// The direct reader for snapshots in the common shape. Each read returns false
+// when the text leaves that shape; the caller then asks the general reader.
 class SnapshotScanner {
   public:
     explicit SnapshotScanner(std::string_view text) : text_(text) {}

@@ -40,6 +40,10 @@ const std::string kMembershipImagesHead =
     "WHERE source_identity_id IN (";
 const std::string kMembershipImagesTail = ")\nORDER BY id";
 
+std::string membershipImagesSQL(std::size_t identityCount) {
+    return kMembershipImagesHead + store::placeholders(identityCount) + kMembershipImagesTail;
+}
+
 Response refusal(std::string because, std::optional<std::string> message, Taxonomy taxonomy,
                  Status status) {
     return Response{.because = std::move(because),
@@ -92,21 +96,20 @@ std::vector<MergePreState::MembershipRowImage> RepositoryCore::membershipRowImag
     if (sourceIdentityIDs.empty()) {
         return images;
     }
-    const std::string sql = kMembershipImagesHead + store::placeholders(sourceIdentityIDs.size()) +
-                            kMembershipImagesTail;
     // The columns in the order the statement names them.
-    db.query(sql, {sourceIdentityIDs}, [&](const store::Row& row) {
-        images.push_back(MergePreState::MembershipRowImage{
-            .id = row.text(0),
-            .sourceIdentityID = row.text(1),
-            .canonicalPersonID = row.text(2),
-            .state = row.text(3),
-            .because = row.optionalText(4),
-            .decidedBy = row.text(5),
-            .decidedAt = row.text(6),
-            .endedAt = row.optionalText(7),
-        });
-    });
+    db.query(membershipImagesSQL(sourceIdentityIDs.size()), {sourceIdentityIDs},
+             [&](const store::Row& row) {
+                 images.push_back(MergePreState::MembershipRowImage{
+                     .id = row.text(0),
+                     .sourceIdentityID = row.text(1),
+                     .canonicalPersonID = row.text(2),
+                     .state = row.text(3),
+                     .because = row.optionalText(4),
+                     .decidedBy = row.text(5),
+                     .decidedAt = row.text(6),
+                     .endedAt = row.optionalText(7),
+                 });
+             });
     return images;
 }
 
@@ -130,21 +133,20 @@ bool RepositoryCore::membershipRowsAre(
     };
     std::size_t rows = 0;
     bool same = true;
-    const std::string sql = kMembershipImagesHead + store::placeholders(sourceIdentityIDs.size()) +
-                            kMembershipImagesTail;
     // Compared where SQLite holds the row, in the order the statement names the
     // columns.
-    db.query(sql, {sourceIdentityIDs}, [&](const store::Row& row) {
-        if (!same || rows == byID.size()) {
-            same = false;
-            return;
-        }
-        const auto& image = *byID[rows++];
-        same = image.id == row.view(0) && image.sourceIdentityID == row.view(1) &&
-               image.canonicalPersonID == row.view(2) && image.state == row.view(3) &&
-               optionalIs(row, 4, image.because) && image.decidedBy == row.view(5) &&
-               image.decidedAt == row.view(6) && optionalIs(row, 7, image.endedAt);
-    });
+    db.query(membershipImagesSQL(sourceIdentityIDs.size()), {sourceIdentityIDs},
+             [&](const store::Row& row) {
+                 if (!same || rows == byID.size()) {
+                     same = false;
+                     return;
+                 }
+                 const auto& image = *byID[rows++];
+                 same = image.id == row.view(0) && image.sourceIdentityID == row.view(1) &&
+                        image.canonicalPersonID == row.view(2) && image.state == row.view(3) &&
+                        optionalIs(row, 4, image.because) && image.decidedBy == row.view(5) &&
+                        image.decidedAt == row.view(6) && optionalIs(row, 7, image.endedAt);
+             });
     return same && rows == byID.size();
 }
 
