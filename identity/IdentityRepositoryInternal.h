@@ -247,6 +247,29 @@ struct OperationMemo {
     alignas(std::max_align_t) std::array<std::byte, kArenaBlock> arenaBlock_;
     std::pmr::monotonic_buffer_resource arena_{arenaBlock_.data(), arenaBlock_.size()};
 
+    // Snapshots known to the connection, each with the text it was decoded from
+    // or encoded to. They outlive the transaction, since a record is handed out
+    // only for a text equal to its own, compared in full: a snapshot changed or
+    // rolled back since is decoded afresh. Between transactions the
+    // kKeptSnapshots used last stay; a record somebody still holds is never
+    // decoded into.
+    struct KnownSnapshot {
+        std::string eventID;
+        std::string text;
+        bool decodable = false;
+        std::shared_ptr<MergePreState> snapshot;
+        std::uint64_t lastUse = 0;
+    };
+    static constexpr std::size_t kKeptSnapshots = 8;
+    std::vector<KnownSnapshot> snapshots_;
+    std::uint64_t snapshotUses_ = 0;
+    std::uint64_t usesBeforeTransaction_ = 0;
+    // The entry of eventID, else the one used longest ago of those this
+    // transaction has not used, else a new one; its snapshot taken out for
+    // refilling (a record nobody else holds, or a new one).
+    KnownSnapshot& snapshotSlot(const std::string& eventID);
+    static std::shared_ptr<MergePreState> refillable(KnownSnapshot& entry);
+
   public:
     OperationMemo() = default;
     OperationMemo(const OperationMemo&) = delete;
@@ -288,19 +311,16 @@ struct OperationMemo {
         "identity_membership"};
     ReadMemo<std::string, std::optional<MergeEventRow>> mergeEvents{"merge_event"};
     ReadMemo<int, std::string> ownerPerson{"owner_ego"};
-    // Snapshots decoded within the operation: the merge event, the text decoded
-    // (in the memoised event row) and what it decoded to. The first
-    // snapshotCount are this transaction's; the others stay from earlier ones,
-    // so that the next snapshots decode into strings and lists already allocated.
-    struct DecodedSnapshot {
-        std::string eventID;
-        const std::string* text = nullptr;
-        bool decodable = false;
-        std::shared_ptr<MergePreState> snapshot;
-    };
-    std::vector<DecodedSnapshot> snapshots;
-    std::size_t snapshotCount = 0;
-    static constexpr std::size_t kKeptSnapshots = 8;
+    // The record a merge event's snapshot text decodes to; null when the text is
+    // not a valid snapshot. A text this connection decoded or wrote lately is not
+    // decoded again.
+    std::shared_ptr<const MergePreState> snapshotOf(const std::string& eventID,
+                                                    const std::string& text);
+    // Call after writing `text`, the encoding of `snapshot`, as the snapshot of
+    // eventID: an undo right after the correction then finds the record instead
+    // of decoding the text the correction has just encoded.
+    void snapshotWritten(const std::string& eventID, std::string text,
+                         MergePreState snapshot) noexcept;
     // Owner tests by (source type, handle) and by person.
     ReadMemo<std::pair<std::string, std::string>, bool> ownerIdentities{
         "owner_alias", "source_account", "owner_ego", "source_identity", "identity_membership"};

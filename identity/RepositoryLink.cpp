@@ -244,7 +244,11 @@ schema::LinkIdentityResponse RepositoryCore::linkIdentityCore(
     snapshot.membershipPostImages = membershipRowImages({sid}, db);
 
     const std::string eventID = newIdentifier();
-    db.run(kInsertLinkEvent, {eventID, pid, encodeJSON(snapshot), because, now, operationID});
+    std::string snapshotText = encodeJSON(snapshot);
+    db.run(kInsertLinkEvent, {eventID, pid, snapshotText, because, now, operationID});
+    if (OperationMemo* memo = OperationMemo::of(db)) {
+        memo->snapshotWritten(eventID, std::move(snapshotText), std::move(snapshot));
+    }
     services_.projectionGeneration->bump(db);
 
     const auto& after = activeMembershipRow(sid, db);

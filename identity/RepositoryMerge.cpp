@@ -227,7 +227,11 @@ schema::ProposeMergeResponse RepositoryCore::proposeMergeCore(
     snapshot.personPostImages = personRowImages({a, b}, db);
 
     const std::string eventID = newIdentifier();
-    db.run(kInsertMergeEvent, {eventID, a, b, encodeJSON(snapshot), because, now, operationID});
+    std::string snapshotText = encodeJSON(snapshot);
+    db.run(kInsertMergeEvent, {eventID, a, b, snapshotText, because, now, operationID});
+    if (memo != nullptr) {
+        memo->snapshotWritten(eventID, std::move(snapshotText), std::move(snapshot));
+    }
     services_.projectionGeneration->bump(db);
     db.run(kInsertSamePersonCorrection,
            {newIdentifier(), b, std::string(schema::rawValue(request.subjectLineage)),

@@ -233,33 +233,7 @@ std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const Merge
         auto decoded = decodeMergePreState(event.preMergeStateJSON);
         return decoded ? std::make_shared<const MergePreState>(std::move(*decoded)) : nullptr;
     }
-    // The text decoded before is a memoised row's, alive until the transaction
-    // ends: the same row is recognised by its address, a row read again after a
-    // write by its text. An event whose text changed is decoded again in its place.
-    auto& entries = memo->snapshots;
-    std::size_t at = 0;
-    while (at < memo->snapshotCount && entries[at].eventID != event.id) {
-        ++at;
-    }
-    if (at < memo->snapshotCount && (entries[at].text == &event.preMergeStateJSON ||
-                                     *entries[at].text == event.preMergeStateJSON)) {
-        return entries[at].decodable ? entries[at].snapshot : nullptr;
-    }
-    if (at == memo->snapshotCount) {
-        if (at == entries.size()) {
-            entries.emplace_back();
-        }
-        ++memo->snapshotCount;
-    }
-    auto& entry = entries[at];
-    entry.eventID.assign(event.id);
-    entry.text = &event.preMergeStateJSON;
-    // Decoded into in place only where nobody else holds the record.
-    if (entry.snapshot.use_count() != 1) {
-        entry.snapshot = std::make_shared<MergePreState>();
-    }
-    entry.decodable = decodeMergePreStateInto(event.preMergeStateJSON, *entry.snapshot);
-    return entry.decodable ? entry.snapshot : nullptr;
+    return memo->snapshotOf(event.id, event.preMergeStateJSON);
 }
 
 std::optional<MergeEventRow> RepositoryCore::latestUndoableMergeEventRow(
@@ -377,20 +351,73 @@ void OperationMemo::clear() noexcept {
     activeMembershipsOfPerson.clear();
     mergeEvents.clear();
     ownerPerson.clear();
-    // A snapshot somebody still holds is theirs; the others are decoded into again.
-    // A batch that decoded many keeps only a few for the connection's life.
-    if (snapshots.size() > kKeptSnapshots) {
-        snapshots.erase(snapshots.begin() + kKeptSnapshots, snapshots.end());
+    // A batch that decoded many keeps only those used last for the connection's life.
+    if (snapshots_.size() > kKeptSnapshots) {
+        std::partial_sort(
+            snapshots_.begin(), snapshots_.begin() + kKeptSnapshots, snapshots_.end(),
+            [](const KnownSnapshot& a, const KnownSnapshot& b) { return a.lastUse > b.lastUse; });
+        snapshots_.erase(snapshots_.begin() + kKeptSnapshots, snapshots_.end());
     }
-    for (auto& entry : snapshots) {
-        if (entry.snapshot.use_count() > 1) {
-            entry.snapshot.reset();
-        }
-    }
-    snapshotCount = 0;
+    usesBeforeTransaction_ = snapshotUses_;
     ownerIdentities.clear();
     ownerPersons.clear();
     arena_.release();
+}
+
+OperationMemo::KnownSnapshot& OperationMemo::snapshotSlot(const std::string& eventID) {
+    ++snapshotUses_;
+    KnownSnapshot* stalest = nullptr;
+    for (auto& entry : snapshots_) {
+        if (entry.eventID == eventID) {
+            return entry;
+        }
+        if (entry.lastUse <= usesBeforeTransaction_ &&
+            (stalest == nullptr || entry.lastUse < stalest->lastUse)) {
+            stalest = &entry;
+        }
+    }
+    return stalest != nullptr ? *stalest : snapshots_.emplace_back();
+}
+
+std::shared_ptr<MergePreState> OperationMemo::refillable(KnownSnapshot& entry) {
+    // The entry holds no record while it is refilled: should anything throw
+    // on the way, it matches no text.
+    auto record = std::move(entry.snapshot);
+    if (record.use_count() != 1) {
+        record = std::make_shared<MergePreState>();
+    }
+    return record;
+}
+
+std::shared_ptr<const MergePreState> OperationMemo::snapshotOf(const std::string& eventID,
+                                                               const std::string& text) {
+    auto& entry = snapshotSlot(eventID);
+    entry.lastUse = snapshotUses_;
+    if (entry.snapshot != nullptr && entry.eventID == eventID && entry.text == text) {
+        return entry.decodable ? entry.snapshot : nullptr;
+    }
+    auto record = refillable(entry);
+    entry.eventID = eventID;
+    entry.text = text;
+    entry.decodable = decodeMergePreStateInto(text, *record);
+    entry.snapshot = std::move(record);
+    return entry.decodable ? entry.snapshot : nullptr;
+}
+
+void OperationMemo::snapshotWritten(const std::string& eventID, std::string text,
+                                    MergePreState snapshot) noexcept {
+    try {
+        auto& entry = snapshotSlot(eventID);
+        entry.lastUse = snapshotUses_;
+        auto record = refillable(entry);
+        entry.eventID = eventID;
+        entry.text = std::move(text);
+        *record = std::move(snapshot);
+        entry.decodable = true;
+        entry.snapshot = std::move(record);
+    } catch (...) {
+        // Out of memory: the snapshot is decoded when it is asked for.
+    }
 }
 
 OperationMemo* OperationMemo::of(store::Connection& db) {

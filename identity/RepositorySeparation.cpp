@@ -94,15 +94,20 @@ IdentityConfirmResult RepositoryCore::separateIdentityCore(const std::string& so
     if (!event) {
         throw IdentityStoreError(IdentityStoreError::Case::corruptRestoreMap);
     }
-    auto snapshot = decodeMergePreState(event->preMergeStateJSON);
-    if (!snapshot) {
+    const auto written = decodedSnapshot(*event, db);
+    if (!written) {
         throw IdentityStoreError(IdentityStoreError::Case::corruptRestoreMap);
     }
-    snapshot->createdDifferentConstraintIDs = std::move(created);
-    snapshot->followUpOwnershipImages.clear();
-    snapshot->openLoopOwnershipImages.clear();
-    snapshot->dispositionKeyImages.clear();
-    db.run(kSetEventSnapshot, {encodeJSON(*snapshot), eventID});
+    MergePreState snapshot = *written;
+    snapshot.createdDifferentConstraintIDs = std::move(created);
+    snapshot.followUpOwnershipImages.clear();
+    snapshot.openLoopOwnershipImages.clear();
+    snapshot.dispositionKeyImages.clear();
+    std::string snapshotText = encodeJSON(snapshot);
+    db.run(kSetEventSnapshot, {snapshotText, eventID});
+    if (OperationMemo* memo = OperationMemo::of(db)) {
+        memo->snapshotWritten(eventID, std::move(snapshotText), std::move(snapshot));
+    }
 
     return IdentityConfirmResult{.personID = stub, .mergeEventIDs = {eventID}};
 }

@@ -15,6 +15,7 @@
 
 #include "host/HostServices.h"
 #include "identity/IdentityRepository.h"
+#include "identity/IdentityRepositoryInternal.h"
 #include "tests/support/TestSupport.h"
 
 namespace orvik::identity {
@@ -320,6 +321,47 @@ TEST(CorrectionUndo, LaterChangesSupersedeAnUndoUntilTheyArePutBack) {
         w.repo.undoConfirmation(merged);
         EXPECT_EQ(store(w.db), before);
     }
+}
+
+// The connection keeps the snapshot each correction wrote, so that an undo right
+// after it need not decode it: what it keeps must be what the stored text decodes
+// to, for each kind of correction, and a text changed since is read as it is now.
+TEST(CorrectionUndo, AnUndoReadsTheSnapshotAsStoredNow) {
+    World w;
+    seedPeople(w);
+    internal::RepositoryCore core{host::HostServices::reference()};
+    const auto expectRememberedAsStored = [&](const Lines& ids) {
+        ASSERT_FALSE(ids.empty());
+        w.db.pool().write([&](store::Connection& c) {
+            for (const auto& id : ids) {
+                const auto& event = core.mergeEventRow(id, c);
+                ASSERT_TRUE(event);
+                const auto remembered = core.decodedSnapshot(*event, c);
+                ASSERT_TRUE(remembered);
+                EXPECT_EQ(*remembered, decodeMergePreState(event->preMergeStateJSON).value());
+            }
+        });
+    };
+    // A link that revokes a "different" constraint, a merge with dependent rows,
+    // and a separation, which rewrites its event's snapshot.
+    const Lines linked = w.link("iU", "pA");
+    expectRememberedAsStored(linked);
+    const Lines merged = w.merge("pA", "pB");
+    expectRememberedAsStored(merged);
+    const Lines separated = w.repo.separateIdentity("iB2", "s").mergeEventIDs;
+    expectRememberedAsStored(separated);
+
+    const std::string before = store(w.db);
+    const Lines relinked = w.link("iN1", "pC");
+    ASSERT_EQ(relinked.size(), 1U);
+    const std::string where = " WHERE id = " + sql(relinked[0]);
+    const auto text = w.db.rows("SELECT pre_merge_state_json FROM merge_event" + where);
+    ASSERT_EQ(text.size(), 1U);
+    w.db.exec("UPDATE merge_event SET pre_merge_state_json = '{not json'" + where);
+    EXPECT_EQ(attempt(w, w.undo(relinked)), Case::corruptRestoreMap);
+    w.db.exec("UPDATE merge_event SET pre_merge_state_json = " + sql(text[0]) + where);
+    w.repo.undoConfirmation(relinked);
+    EXPECT_EQ(store(w.db), before);
 }
 
 // Undoing the newer link leaves its own membership row behind, ended.
