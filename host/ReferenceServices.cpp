@@ -156,12 +156,49 @@ std::string nowTimestamp() {
 
 namespace {
 
+// Statement texts are constants, so that the connection finds each one's prepared
+// statement again without building the text.
+const std::string kSelectOwnerEgo = "SELECT person_id FROM owner_ego LIMIT 1";
+const std::string kIsOwnerAlias =
+    "SELECT EXISTS(SELECT 1 FROM owner_alias WHERE source_type = ? AND handle_normalized = "
+    "?)";
+const std::string kInsertOwnerAlias =
+    "INSERT INTO owner_alias (source_type, handle_normalized, subject_id, "
+    "source_identity_id, created_at) VALUES (?, ?, ?, ?, ?)";
+const std::string kSelectBoundPerson =
+    "SELECT canonical_person_id FROM identity_membership\n"
+    "WHERE source_identity_id = ? AND ended_at IS NULL AND state IN "
+    "('high_conf','confirmed')\n"
+    "LIMIT 1";
+const std::string kInsertAliasExclusion =
+    "INSERT INTO exclusion_rule (id, scope, target_id, reason, created_at)\n"
+    "SELECT ?, 'person', ?, 'owner_alias', ?\n"
+    "WHERE NOT EXISTS (SELECT 1 FROM exclusion_rule WHERE id = ?)";
+const std::string kDeleteOwnerAlias =
+    "DELETE FROM owner_alias WHERE source_type = ? AND handle_normalized = ?";
+const std::string kBumpGeneration =
+    "UPDATE relationship_projection_generation SET generation = generation + 1 "
+    "WHERE id = 1";
+const std::string kInsertGeneration =
+    "INSERT INTO relationship_projection_generation (id, generation) VALUES (1, 1)";
+const std::string kRetractCandidatesOfLoop =
+    "DELETE FROM relationship_attention_candidate WHERE open_loop_id = ?";
+const std::string kDeleteCandidatesOfPerson =
+    "DELETE FROM relationship_attention_candidate WHERE person_id = ?";
+const std::string kSelectScheduledFollowUps =
+    "SELECT f.open_loop_id, o.detected_at\n"
+    "FROM follow_up f JOIN open_loop o ON o.id = f.open_loop_id\n"
+    "WHERE f.person_id = ? AND f.state = 'scheduled'\n"
+    "ORDER BY f.id";
+const std::string kInsertCandidate =
+    "INSERT OR REPLACE INTO relationship_attention_candidate\n"
+    "(candidate_key, person_id, open_loop_id, detected_at) VALUES (?, ?, ?, ?)";
+
 class ReferenceOwnerEgo final : public OwnerEgoProjection {
   public:
     std::string personID(store::Connection& db) override {
         std::string id;
-        db.query("SELECT person_id FROM owner_ego LIMIT 1", {},
-                 [&](const store::Row& row) { id = row.text("person_id"); });
+        db.query(kSelectOwnerEgo, {}, [&](const store::Row& row) { id = row.text("person_id"); });
         return id;
     }
 };
@@ -170,10 +207,7 @@ class ReferenceOwnerAliases final : public OwnerAliasRegistry {
   public:
     bool isAlias(store::Connection& db, const std::string& sourceType,
                  const std::string& handleNormalized) override {
-        return db.scalarFlag(
-            "SELECT EXISTS(SELECT 1 FROM owner_alias WHERE source_type = ? AND handle_normalized = "
-            "?)",
-            {sourceType, handleNormalized});
+        return db.scalarFlag(kIsOwnerAlias, {sourceType, handleNormalized});
     }
 
     Declaration declareAliasAndExcludeBoundPerson(store::Connection& db,
@@ -186,21 +220,14 @@ class ReferenceOwnerAliases final : public OwnerAliasRegistry {
 
         result.wasNewAlias = !isAlias(db, sourceType, handleNormalized);
         if (result.wasNewAlias) {
-            db.run(
-                "INSERT INTO owner_alias (source_type, handle_normalized, subject_id, "
-                "source_identity_id, created_at) VALUES (?, ?, ?, ?, ?)",
-                {sourceType, handleNormalized, subjectID, sourceIdentityID, now});
+            db.run(kInsertOwnerAlias,
+                   {sourceType, handleNormalized, subjectID, sourceIdentityID, now});
         }
 
         // The store keeps at most one active membership per identity; take the first.
         std::optional<std::string> bound;
-        db.query(
-            "SELECT canonical_person_id FROM identity_membership\n"
-            "WHERE source_identity_id = ? AND ended_at IS NULL AND state IN "
-            "('high_conf','confirmed')\n"
-            "LIMIT 1",
-            {sourceIdentityID},
-            [&](const store::Row& row) { bound = row.text("canonical_person_id"); });
+        db.query(kSelectBoundPerson, {sourceIdentityID},
+                 [&](const store::Row& row) { bound = row.text("canonical_person_id"); });
         if (!bound) {
             return result;
         }
@@ -210,18 +237,13 @@ class ReferenceOwnerAliases final : public OwnerAliasRegistry {
         // The rule's identifier is derived from the person, so declaring a second
         // alias bound to the same person finds the rule already there.
         result.insertedExclusion =
-            db.run(
-                "INSERT INTO exclusion_rule (id, scope, target_id, reason, created_at)\n"
-                "SELECT ?, 'person', ?, 'owner_alias', ?\n"
-                "WHERE NOT EXISTS (SELECT 1 FROM exclusion_rule WHERE id = ?)",
-                {ruleID, *bound, now, ruleID}) == 1;
+            db.run(kInsertAliasExclusion, {ruleID, *bound, now, ruleID}) == 1;
         return result;
     }
 
     void removeAlias(store::Connection& db, const std::string& sourceType,
                      const std::string& handleNormalized) override {
-        db.run("DELETE FROM owner_alias WHERE source_type = ? AND handle_normalized = ?",
-               {sourceType, handleNormalized});
+        db.run(kDeleteOwnerAlias, {sourceType, handleNormalized});
     }
 };
 
@@ -229,11 +251,9 @@ class ReferenceProjectionGeneration final : public RelationshipProjectionGenerat
   public:
     void bump(store::Connection& db) override {
         // No UPSERT before SQLite 3.24: update, and create the row when there was none.
-        const int changed = db.run(
-            "UPDATE relationship_projection_generation SET generation = generation + 1 "
-            "WHERE id = 1");
+        const int changed = db.run(kBumpGeneration);
         if (changed == 0) {
-            db.run("INSERT INTO relationship_projection_generation (id, generation) VALUES (1, 1)");
+            db.run(kInsertGeneration);
         }
     }
 };
@@ -284,11 +304,11 @@ class ReferenceFollowUpScheduler final : public FollowUpScheduler {
     }
 
     void retractCandidate(store::Connection& db, const std::string& openLoopID) override {
-        db.run("DELETE FROM relationship_attention_candidate WHERE open_loop_id = ?", {openLoopID});
+        db.run(kRetractCandidatesOfLoop, {openLoopID});
     }
 
     void reprojectCandidatesCore(store::Connection& db, const std::string& personID) override {
-        db.run("DELETE FROM relationship_attention_candidate WHERE person_id = ?", {personID});
+        db.run(kDeleteCandidatesOfPerson, {personID});
 
         struct Scheduled {
             std::string openLoopID;
@@ -296,24 +316,17 @@ class ReferenceFollowUpScheduler final : public FollowUpScheduler {
         };
         // Read everything first so that no insert runs while the read is open.
         std::vector<Scheduled> scheduled;
-        db.query(
-            "SELECT f.open_loop_id, o.detected_at\n"
-            "FROM follow_up f JOIN open_loop o ON o.id = f.open_loop_id\n"
-            "WHERE f.person_id = ? AND f.state = 'scheduled'\n"
-            "ORDER BY f.id",
-            {personID}, [&](const store::Row& row) {
-                scheduled.push_back({row.text("open_loop_id"), row.optionalText("detected_at")});
-            });
+        db.query(kSelectScheduledFollowUps, {personID}, [&](const store::Row& row) {
+            scheduled.push_back({row.text("open_loop_id"), row.optionalText("detected_at")});
+        });
 
         for (const auto& followUp : scheduled) {
             const auto item = attentionItem(personID, followUp.openLoopID, followUp.detectedAt);
             if (!item) {
                 continue;
             }
-            db.run(
-                "INSERT OR REPLACE INTO relationship_attention_candidate\n"
-                "(candidate_key, person_id, open_loop_id, detected_at) VALUES (?, ?, ?, ?)",
-                {item->candidateKey, item->personID, item->openLoopID, item->detectedAt});
+            db.run(kInsertCandidate,
+                   {item->candidateKey, item->personID, item->openLoopID, item->detectedAt});
         }
     }
 };

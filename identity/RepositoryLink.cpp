@@ -33,16 +33,12 @@ const std::string kSharedThreads =
     "SELECT count(DISTINCT tp1.thread_id) FROM thread_participant tp1\n"
     "JOIN thread_participant tp2 ON tp1.thread_id = tp2.thread_id\n"
     "WHERE tp1.source_identity_id = ? AND tp2.source_identity_id = ?";
-const std::string kMembershipImagesHead =
+const store::InListStatement kMembershipImages{
     "SELECT id, source_identity_id, canonical_person_id, state, because, decided_by, decided_at, "
     "ended_at\n"
     "FROM identity_membership\n"
-    "WHERE source_identity_id IN (";
-const std::string kMembershipImagesTail = ")\nORDER BY id";
-
-std::string membershipImagesSQL(std::size_t identityCount) {
-    return kMembershipImagesHead + store::placeholders(identityCount) + kMembershipImagesTail;
-}
+    "WHERE source_identity_id IN (",
+    ")\nORDER BY id"};
 
 Response refusal(std::string because, std::optional<std::string> message, Taxonomy taxonomy,
                  Status status) {
@@ -97,7 +93,8 @@ std::vector<MergePreState::MembershipRowImage> RepositoryCore::membershipRowImag
         return images;
     }
     // The columns in the order the statement names them.
-    db.query(membershipImagesSQL(sourceIdentityIDs.size()), {sourceIdentityIDs},
+    std::string built;
+    db.query(kMembershipImages.text(sourceIdentityIDs.size(), built), {sourceIdentityIDs},
              [&](const store::Row& row) {
                  images.push_back(MergePreState::MembershipRowImage{
                      .id = row.text(0),
@@ -135,7 +132,8 @@ bool RepositoryCore::membershipRowsAre(
     bool same = true;
     // Compared where SQLite holds the row, in the order the statement names the
     // columns.
-    db.query(membershipImagesSQL(sourceIdentityIDs.size()), {sourceIdentityIDs},
+    std::string built;
+    db.query(kMembershipImages.text(sourceIdentityIDs.size(), built), {sourceIdentityIDs},
              [&](const store::Row& row) {
                  if (!same || rows == byID.size()) {
                      same = false;

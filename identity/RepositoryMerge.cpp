@@ -31,10 +31,10 @@ const std::string kMergedInto = "SELECT merged_into_person_id FROM person WHERE 
 const std::string kCountActiveOfIdentity =
     "SELECT count(*) FROM identity_membership WHERE source_identity_id = ? AND ended_at IS NULL "
     "AND state IN ('high_conf','confirmed')";
-const std::string kPersonImagesHead =
+const store::InListStatement kPersonImages{
     "SELECT id, display_name, tier, created_from, merged_into_person_id\n"
-    "FROM person WHERE id IN (";
-const std::string kPersonImagesTail = ") ORDER BY id";
+    "FROM person WHERE id IN (",
+    ") ORDER BY id"};
 
 const std::string kCaptureOfPerson =
     "SELECT source_object_id, state, ended_at FROM capture_person_association WHERE person_id = ?";
@@ -115,16 +115,16 @@ std::vector<MergePreState::PersonRowImage> RepositoryCore::personRowImages(
     if (ids.empty()) {
         return images;
     }
-    db.query(kPersonImagesHead + store::placeholders(ids.size()) + kPersonImagesTail, {ids},
-             [&](const store::Row& row) {
-                 images.push_back(MergePreState::PersonRowImage{
-                     .id = row.text("id"),
-                     .displayName = row.optionalText("display_name"),
-                     .tier = row.text("tier"),
-                     .createdFrom = row.optionalText("created_from"),
-                     .mergedIntoPersonID = row.optionalText("merged_into_person_id"),
-                 });
-             });
+    std::string built;
+    db.query(kPersonImages.text(ids.size(), built), {ids}, [&](const store::Row& row) {
+        images.push_back(MergePreState::PersonRowImage{
+            .id = row.text("id"),
+            .displayName = row.optionalText("display_name"),
+            .tier = row.text("tier"),
+            .createdFrom = row.optionalText("created_from"),
+            .mergedIntoPersonID = row.optionalText("merged_into_person_id"),
+        });
+    });
     return images;
 }
 

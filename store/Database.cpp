@@ -150,6 +150,21 @@ std::string placeholders(std::size_t n) {
     return out;
 }
 
+InListStatement::InListStatement(std::string_view head, std::string_view tail)
+    : head_(head), tail_(tail) {
+    for (std::size_t n = 0; n < texts_.size(); ++n) {
+        texts_[n] = head_ + placeholders(n) + tail_;
+    }
+}
+
+const std::string& InListStatement::text(std::size_t n, std::string& storage) const {
+    if (n < texts_.size()) {
+        return texts_[n];
+    }
+    storage = head_ + placeholders(n) + tail_;
+    return storage;
+}
+
 // ---------------------------------------------------------------------------
 // Row
 

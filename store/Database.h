@@ -168,6 +168,22 @@ Param optionalText(const std::optional<std::string>& value);
 // "?,?,?" for n elements: the inside of an IN list for a list parameter.
 std::string placeholders(std::size_t n);
 
+// A statement with one IN list: head, "?,?,?" for the list's elements, tail. The
+// texts for short lists are built once, so that each keeps one address and the
+// connection finds its prepared statement again without building the text.
+class InListStatement {
+  public:
+    InListStatement(std::string_view head, std::string_view tail);
+    // The text for a list of n elements; a longer list's is built into storage.
+    [[nodiscard]] const std::string& text(std::size_t n, std::string& storage) const;
+
+  private:
+    static constexpr std::size_t kBuilt = 8;
+    std::string head_;
+    std::string tail_;
+    std::array<std::string, kBuilt + 1> texts_;
+};
+
 class Statement;
 
 // Sees every statement run through Connection::run, query, queryWhile and the

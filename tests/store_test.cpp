@@ -131,15 +131,22 @@ TEST(Statements, BindListsAndNullsReadByNameAndReenterFromARowCallback) {
         }
         EXPECT_EQ(db.cachedStatementCount(), cached);  // prepared once
 
-        const std::vector<std::string> wanted{"a", "c", "zz"};
-        std::vector<std::string> got;
-        db.query("SELECT v, k FROM t WHERE k IN (" + placeholders(wanted.size()) +
-                     ") AND v IS ? ORDER BY k",
-                 Params{wanted, nullptr}, [&](const Row& row) {
-                     EXPECT_FALSE(row.optionalText("v").has_value());
-                     got.push_back(row.text("k"));
-                 });
-        EXPECT_EQ(got, (std::vector<std::string>{"a", "c"}));
+        // Lists shorter and longer than those whose texts are built in advance.
+        const InListStatement selectIn("SELECT v, k FROM t WHERE k IN (",
+                                       ") AND v IS ? ORDER BY k");
+        for (std::size_t n = 1; n <= 12; ++n) {
+            std::vector<std::string> wanted{"a", "c"};
+            wanted.resize(n, "zz");
+            std::vector<std::string> got;
+            std::string built;
+            db.query(selectIn.text(wanted.size(), built), Params{wanted, nullptr},
+                     [&](const Row& row) {
+                         EXPECT_FALSE(row.optionalText("v").has_value());
+                         got.push_back(row.text("k"));
+                     });
+            EXPECT_EQ(got, (std::vector<std::string>(
+                               wanted.begin(), wanted.begin() + std::min<std::size_t>(n, 2))));
+        }
         EXPECT_EQ(db.run("UPDATE t SET v = ? WHERE k IN (?, ?)", {"x", "a", "b"}), 2);
         // A wrong number of parameters and an unknown column are errors, not silence.
         EXPECT_THROW(db.run("UPDATE t SET v = ? WHERE k = ?", {"x"}), DatabaseError);
