@@ -9,7 +9,8 @@ encrypted; generated once and cached under the temporary directory), and prints
 a Markdown table per operation:
 
 - library / floor at 10^5, encrypted and plain (operations with a floor);
-- growth from 10^3 to 10^5, encrypted and plain;
+- growth from 10^3 to 10^5, encrypted and plain, and the floor's growth beside
+  it: where both grow alike, the growth is the statements' own;
 - encrypted / plain at 10^5;
 - statements per call at 10^5, the library's (and the floor's);
 - the library's time per call at 10^5 encrypted.
@@ -104,7 +105,7 @@ def table(library, floor):
             ops.append(op)
     lines = [
         "| Operation | library / floor at 10^5 (encrypted, plain) | growth 10^3 -> 10^5 "
-        "(encrypted, plain) | encrypted / plain at 10^5 | statements per call at 10^5: "
+        "(encrypted, plain; floor) | encrypted / plain at 10^5 | statements per call at 10^5: "
         "library (floor) | time at 10^5 encrypted |",
         "|---|---|---|---|---|---|",
     ]
@@ -118,6 +119,11 @@ def table(library, floor):
                                  for e in (1, 0))
         growth = ", ".join(cell(ratio(t(library, op, 5, e), t(library, op, 3, e)), 1.5, "x")
                            for e in (1, 0))
+        if any(key[0] == op for key in floor):
+            growth += " (floor " + ", ".join(
+                f"{ratio(t(floor, op, 5, e), t(floor, op, 3, e)):.2f}x"
+                if ratio(t(floor, op, 5, e), t(floor, op, 3, e)) is not None else "-"
+                for e in (1, 0)) + ")"
         encrypted = cell(ratio(t(library, op, 5, 1), t(library, op, 5, 0)), 1.3)
         statements = library.get((op, 5, 1), library.get((op, 5, 0), (None, None)))[1]
         statement_text = "-" if statements is None else f"{statements:.4g}"
