@@ -233,7 +233,8 @@ class ReadMemo {
 // What one operation has already read, so that it reads each row once: absorption
 // heads, the scans of live person-person constraints, and single rows the cores
 // ask for again. Lives on the connection for one transaction
-// (store::Connection::transactionMemo) and is dropped when it ends; an entry is
+// (store::Connection::transactionMemo) and is dropped when it ends, but for the
+// last merge snapshots, which are recognised by their text; an entry is
 // forgotten as soon as the transaction writes the table it came from, except
 // where the writer tells the memo what it wrote (personAbsorbed, unrelatedWrite).
 struct OperationMemo {
