@@ -266,9 +266,10 @@ struct OperationMemo {
     std::uint64_t snapshotUses_ = 0;
     std::uint64_t usesBeforeTransaction_ = 0;
     // The entry of eventID, else the one used longest ago of those this
-    // transaction has not used, else a new one; its snapshot taken out for
-    // refilling (a record nobody else holds, or a new one).
+    // transaction has not used, else a new one; marked as used now.
     KnownSnapshot& snapshotSlot(const std::string& eventID);
+    // The entry's record taken out for refilling: itself when nobody else holds
+    // it, else a new one.
     static std::shared_ptr<MergePreState> refillable(KnownSnapshot& entry);
 
   public:

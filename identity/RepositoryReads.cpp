@@ -366,17 +366,22 @@ void OperationMemo::clear() noexcept {
 
 OperationMemo::KnownSnapshot& OperationMemo::snapshotSlot(const std::string& eventID) {
     ++snapshotUses_;
-    KnownSnapshot* stalest = nullptr;
+    KnownSnapshot* slot = nullptr;
     for (auto& entry : snapshots_) {
         if (entry.eventID == eventID) {
-            return entry;
+            slot = &entry;
+            break;
         }
         if (entry.lastUse <= usesBeforeTransaction_ &&
-            (stalest == nullptr || entry.lastUse < stalest->lastUse)) {
-            stalest = &entry;
+            (slot == nullptr || entry.lastUse < slot->lastUse)) {
+            slot = &entry;
         }
     }
-    return stalest != nullptr ? *stalest : snapshots_.emplace_back();
+    if (slot == nullptr) {
+        slot = &snapshots_.emplace_back();
+    }
+    slot->lastUse = snapshotUses_;
+    return *slot;
 }
 
 std::shared_ptr<MergePreState> OperationMemo::refillable(KnownSnapshot& entry) {
@@ -392,7 +397,6 @@ std::shared_ptr<MergePreState> OperationMemo::refillable(KnownSnapshot& entry) {
 std::shared_ptr<const MergePreState> OperationMemo::snapshotOf(const std::string& eventID,
                                                                const std::string& text) {
     auto& entry = snapshotSlot(eventID);
-    entry.lastUse = snapshotUses_;
     if (entry.snapshot != nullptr && entry.eventID == eventID && entry.text == text) {
         return entry.decodable ? entry.snapshot : nullptr;
     }
@@ -408,7 +412,6 @@ void OperationMemo::snapshotWritten(const std::string& eventID, std::string text
                                     MergePreState snapshot) noexcept {
     try {
         auto& entry = snapshotSlot(eventID);
-        entry.lastUse = snapshotUses_;
         auto record = refillable(entry);
         entry.eventID = eventID;
         entry.text = std::move(text);
