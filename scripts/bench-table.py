@@ -13,7 +13,9 @@ a Markdown table per operation:
   it: where both grow alike, the growth is the statements' own;
 - encrypted / plain at 10^5;
 - statements per call at 10^5, the library's (and the floor's);
-- the library's time per call at 10^5 encrypted.
+- the library's time per call at 10^5 encrypted;
+
+and a second table with library / floor at each of the three scales.
 
 Times are CPU time of the calling thread per call (see bench/support/BenchWorld.h).
 A value past its goal (library/floor > 1.1, growth > 1.5, encrypted/plain > 1.3)
@@ -135,6 +137,29 @@ def table(library, floor):
     return "\n".join(lines)
 
 
+def scales_table(library, floor):
+    """Library / floor at each of the three scales, for the operations with a floor:
+    the goal holds at every scale, and on the small stores what an operation does
+    around its statements weighs the most."""
+    ops = []
+    for (op, _, _) in floor:
+        if op not in ops:
+            ops.append(op)
+    lines = [
+        "| Operation | library / floor at 10^3 (encrypted, plain) | at 10^4 | at 10^5 |",
+        "|---|---|---|---|",
+    ]
+    for op in ops:
+        cells = []
+        for scale in (3, 4, 5):
+            cells.append(", ".join(
+                cell(ratio(library.get((op, scale, e), (None,))[0],
+                           floor.get((op, scale, e), (None,))[0]), 1.1)
+                for e in (1, 0)))
+        lines.append(f"| {LABELS.get(op, op)} | " + " | ".join(cells) + " |")
+    return "\n".join(lines)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build-dir", default=os.path.join(ROOT, "build", "default"))
@@ -182,7 +207,11 @@ def main():
           f"--min-time {options.min_time}, {options.repetitions} round(s) of library "
           f"and floor.")
     print()
-    print(table(collect(library_reports), collect(floor_reports)))
+    library = collect(library_reports)
+    floor = collect(floor_reports)
+    print(table(library, floor))
+    print()
+    print(scales_table(library, floor))
     if not options.keep:
         print(f"\nJSON reports: {out_dir}", file=sys.stderr)
 
