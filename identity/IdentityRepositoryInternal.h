@@ -265,6 +265,7 @@ struct OperationMemo {
     std::vector<KnownSnapshot> snapshots_;
     std::uint64_t snapshotUses_ = 0;
     std::uint64_t usesBeforeTransaction_ = 0;
+    MergePreState decodeScratch_;
     // The entry of eventID, else the one used longest ago of those this
     // transaction has not used, else a new one; marked as used now.
     KnownSnapshot& snapshotSlot(const std::string& eventID);
@@ -323,6 +324,10 @@ struct OperationMemo {
     // of decoding the text the correction has just encoded.
     void snapshotWritten(const std::string& eventID, std::string text,
                          MergePreState snapshot) noexcept;
+    // A record to decode snapshots into that are read once and let go, such as
+    // the history's: it keeps its storage for the connection's life, so that a
+    // decode fills strings and lists it has already allocated.
+    MergePreState& decodeScratch() noexcept { return decodeScratch_; }
     // Owner tests by (source type, handle) and by person.
     ReadMemo<std::pair<std::string, std::string>, bool> ownerIdentities{
         "owner_alias", "source_account", "owner_ego", "source_identity", "identity_membership"};
@@ -417,6 +422,10 @@ class RepositoryCore {
     // unchanged); null when it cannot be decoded. event must be the row that
     // mergeEventRow gave within this transaction.
     std::shared_ptr<const MergePreState> decodedSnapshot(const MergeEventRow& event,
+                                                         store::Connection& db);
+    // The same for an event's id and snapshot text as read from its row.
+    std::shared_ptr<const MergePreState> decodedSnapshot(const std::string& eventID,
+                                                         const std::string& text,
                                                          store::Connection& db);
     // The newest unreversed event naming the person as survivor or absorbed; ties
     // on created_at go to the row inserted last.
@@ -675,10 +684,11 @@ class RepositoryCore {
 
     std::vector<IdentityHistoryEntry> identityHistory(const std::string& personID,
                                                       store::Connection& db);
-    // Absent when the events do not concern the person.
+    // Absent when the events do not concern the person. Each snapshot is decoded
+    // into scratch.
     std::optional<IdentityHistoryEntry> historyEntry(const std::vector<HistoryEventRow>& rows,
                                                      const std::string& personID,
-                                                     store::Connection& db);
+                                                     MergePreState& scratch, store::Connection& db);
 
     // --- Search -----------------------------------------------------------------------
 

@@ -67,14 +67,17 @@ std::vector<IdentityHistoryEntry> RepositoryCore::identityHistory(const std::str
     }
 
     std::set<std::string> seen;
+    OperationMemo* memo = OperationMemo::of(db);
+    MergePreState ownScratch;
+    MergePreState& scratch = memo != nullptr ? memo->decodeScratch() : ownScratch;
     std::vector<IdentityHistoryEntry> entries;
     for (const auto& row : candidates) {
         const std::string& key = row.operationID ? *row.operationID : row.id;
         if (!seen.insert(key).second) {
             continue;
         }
-        const auto entry = row.operationID ? historyEntry(operations.at(key), personID, db)
-                                           : historyEntry({row}, personID, db);
+        const auto entry = row.operationID ? historyEntry(operations.at(key), personID, scratch, db)
+                                           : historyEntry({row}, personID, scratch, db);
         if (entry) {
             entries.push_back(*entry);
         }
@@ -83,26 +86,35 @@ std::vector<IdentityHistoryEntry> RepositoryCore::identityHistory(const std::str
 }
 
 std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
-    const std::vector<HistoryEventRow>& rows, const std::string& personID, store::Connection& db) {
+    const std::vector<HistoryEventRow>& rows, const std::string& personID, MergePreState& scratch,
+    store::Connection& db) {
     if (rows.empty()) {
         return std::nullopt;
     }
 
-    std::vector<MergePreState> snapshots;
+    // What the entry needs is taken from each snapshot at once.
+    MergePreState& snapshot = scratch;
+    std::vector<std::string> involved;
     bool concernsPerson = false;
     for (const auto& row : rows) {
         if (row.survivingPersonID == personID || row.absorbedPersonID == personID) {
             concernsPerson = true;
         }
         // An undecodable snapshot contributes nothing.
-        if (auto snapshot = decodeMergePreState(row.preMergeStateJSON)) {
-            concernsPerson = concernsPerson ||
-                             std::any_of(snapshot->priorActiveMemberships.begin(),
-                                         snapshot->priorActiveMemberships.end(),
-                                         [&](const MergePreState::PriorMembership& membership) {
-                                             return membership.canonicalPersonID == personID;
-                                         });
-            snapshots.push_back(std::move(*snapshot));
+        if (!decodeMergePreStateInto(row.preMergeStateJSON, snapshot)) {
+            continue;
+        }
+        concernsPerson =
+            concernsPerson || std::any_of(snapshot.priorActiveMemberships.begin(),
+                                          snapshot.priorActiveMemberships.end(),
+                                          [&](const MergePreState::PriorMembership& membership) {
+                                              return membership.canonicalPersonID == personID;
+                                          });
+        for (const auto& image : snapshot.membershipPostImages) {
+            if (std::find(involved.begin(), involved.end(), image.sourceIdentityID) ==
+                involved.end()) {
+                involved.push_back(image.sourceIdentityID);
+            }
         }
     }
     if (!concernsPerson) {
@@ -125,16 +137,6 @@ std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
         for (const auto& row : rows) {
             if (!reversedAt || *row.reversedAt > *reversedAt) {
                 reversedAt = row.reversedAt;
-            }
-        }
-    }
-
-    std::vector<std::string> involved;
-    for (const auto& snapshot : snapshots) {
-        for (const auto& image : snapshot.membershipPostImages) {
-            if (std::find(involved.begin(), involved.end(), image.sourceIdentityID) ==
-                involved.end()) {
-                involved.push_back(image.sourceIdentityID);
             }
         }
     }
