@@ -423,10 +423,6 @@ class RepositoryCore {
     // mergeEventRow gave within this transaction.
     std::shared_ptr<const MergePreState> decodedSnapshot(const MergeEventRow& event,
                                                          store::Connection& db);
-    // The same for an event's id and snapshot text as read from its row.
-    std::shared_ptr<const MergePreState> decodedSnapshot(const std::string& eventID,
-                                                         const std::string& text,
-                                                         store::Connection& db);
     // The newest unreversed event naming the person as survivor or absorbed; ties
     // on created_at go to the row inserted last.
     std::optional<MergeEventRow> latestUndoableMergeEventRow(const std::string& personID,

@@ -228,18 +228,12 @@ const std::optional<MergeEventRow>& RepositoryCore::mergeEventRow(const std::str
 
 std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const MergeEventRow& event,
                                                                      store::Connection& db) {
-    return decodedSnapshot(event.id, event.preMergeStateJSON, db);
-}
-
-std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const std::string& eventID,
-                                                                     const std::string& text,
-                                                                     store::Connection& db) {
     OperationMemo* memo = OperationMemo::of(db);
     if (memo == nullptr) {
-        auto decoded = decodeMergePreState(text);
+        auto decoded = decodeMergePreState(event.preMergeStateJSON);
         return decoded ? std::make_shared<const MergePreState>(std::move(*decoded)) : nullptr;
     }
-    return memo->snapshotOf(eventID, text);
+    return memo->snapshotOf(event.id, event.preMergeStateJSON);
 }
 
 std::optional<MergeEventRow> RepositoryCore::latestUndoableMergeEventRow(
