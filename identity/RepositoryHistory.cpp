@@ -27,16 +27,21 @@ const std::string kSelectOperationEvents =
 
 constexpr std::int64_t kHistoryEventWindow = 1000;
 
+const store::ColumnSet kHistoryEventColumns{
+    "id",      "surviving_person_id", "absorbed_person_id", "pre_merge_state_json",
+    "because", "created_at",          "reversed_at",        "operation_id"};
+
 RepositoryCore::HistoryEventRow decodeHistoryEvent(const store::Row& row) {
+    const auto& c = row.positions(kHistoryEventColumns);
     return RepositoryCore::HistoryEventRow{
-        .id = row.text("id"),
-        .survivingPersonID = row.text("surviving_person_id"),
-        .absorbedPersonID = row.optionalText("absorbed_person_id"),
-        .preMergeStateJSON = row.text("pre_merge_state_json"),
-        .because = row.optionalText("because"),
-        .createdAt = row.text("created_at"),
-        .reversedAt = row.optionalText("reversed_at"),
-        .operationID = row.optionalText("operation_id"),
+        .id = row.text(c[0]),
+        .survivingPersonID = row.text(c[1]),
+        .absorbedPersonID = row.optionalText(c[2]),
+        .preMergeStateJSON = row.text(c[3]),
+        .because = row.optionalText(c[4]),
+        .createdAt = row.text(c[5]),
+        .reversedAt = row.optionalText(c[6]),
+        .operationID = row.optionalText(c[7]),
     };
 }
 
