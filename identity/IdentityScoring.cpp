@@ -1,7 +1,7 @@
 #include "identity/IdentityScoring.h"
 
 #include <algorithm>
-#include <vector>
+#include <string_view>
 
 namespace orvik::identity {
 
@@ -39,24 +39,26 @@ IdentityScoreDecision IdentityScoring::decide(double score) noexcept {
 }
 
 std::string IdentityScoring::because(const IdentityFeatures& features) {
-    std::vector<std::string> reasons;
+    // The reasons joined by "; ", written straight into the one text returned.
+    std::string text;
+    const auto reason = [&text](std::string_view part) {
+        if (!text.empty()) {
+            text += "; ";
+        }
+        text += part;
+    };
     if (features.exactHandleMatch) {
-        reasons.emplace_back("same contact key");
+        reason("same contact key");
     }
     if (features.sharedThreadCount >= 1) {
-        reasons.push_back(std::to_string(features.sharedThreadCount) +
-                          (features.sharedThreadCount == 1 ? " shared thread" : " shared threads"));
+        reason(std::to_string(features.sharedThreadCount));
+        text += features.sharedThreadCount == 1 ? " shared thread" : " shared threads";
     }
     if (features.nameSimilarity && *features.nameSimilarity >= kNameReasonThreshold) {
-        reasons.emplace_back("matching name");
+        reason("matching name");
     }
-    if (reasons.empty()) {
+    if (text.empty()) {
         return "weak signal";
-    }
-    std::string text = reasons.front();
-    for (std::size_t i = 1; i < reasons.size(); ++i) {
-        text += "; ";
-        text += reasons[i];
     }
     return text;
 }

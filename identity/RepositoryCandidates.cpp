@@ -54,8 +54,9 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
 
     // The pairs are read in full before any follow-up statement runs.
     std::vector<std::pair<std::string, std::string>> pairs;
+    pairs.reserve(reservedRows(pairFetchLimit(limit)));
     db.query(sql, {pairFetchLimit(limit)}, [&](const store::Row& row) {
-        pairs.emplace_back(row.text("a_id"), row.text("b_id"));
+        pairs.emplace_back(row.text(0), row.text(1));  // a_id, b_id
     });
 
     std::vector<IdentityCandidate> result;
