@@ -155,6 +155,15 @@ using TextMap = std::pmr::unordered_map<MemoString, Value, TextHash, TextEqual>;
 // (OperationMemo::PersonPairEnds), which must outlive the index.
 using PersonPairIndex = TextMap<std::pmr::vector<std::string_view>>;
 
+// The keys of the memo's reads: identifiers, pairs of texts, and small integers.
+struct MemoKeyHash {
+    std::size_t operator()(const std::string& key) const { return TextHash{}(key); }
+    std::size_t operator()(const std::pair<std::string, std::string>& key) const {
+        return TextHash{}(key.first) * 31 + TextHash{}(key.second);
+    }
+    std::size_t operator()(int key) const { return std::hash<int>{}(key); }
+};
+
 // The answers of one kind of read by key, kept until the transaction writes one
 // of the tables the read depends on (as the connection's update hook counts
 // them). An answer handed out stays where it is until the transaction ends, also
@@ -225,8 +234,14 @@ class ReadMemo {
     std::size_t tables_ = 0;
     // The connection's rowChanges() when seen_ was last brought up to date.
     std::uint64_t rowsSeen_ = 0;
-    std::map<Key, Entry> values_;
-    std::vector<std::map<Key, Entry>> retired_;
+    // Hashed: a large operation asks for hundreds of rows by identifier, and the
+    // string comparisons of a tree cost more than one hash of the key.
+    using Values = std::unordered_map<Key, Entry, MemoKeyHash>;
+    // Retired maps must move, not copy, when retired_ grows: their nodes are
+    // what references handed out point at.
+    static_assert(std::is_nothrow_move_constructible_v<Values>);
+    Values values_;
+    std::vector<Values> retired_;
     std::vector<std::unique_ptr<Value>> kept_;
 };
 
