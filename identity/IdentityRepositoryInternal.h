@@ -155,13 +155,36 @@ using TextMap = std::pmr::unordered_map<MemoString, Value, TextHash, TextEqual>;
 // (OperationMemo::PersonPairEnds), which must outlive the index.
 using PersonPairIndex = TextMap<std::pmr::vector<std::string_view>>;
 
-// The keys of the memo's reads: identifiers, pairs of texts, and small integers.
-struct MemoKeyHash {
-    std::size_t operator()(const std::string& key) const { return TextHash{}(key); }
-    std::size_t operator()(const std::pair<std::string, std::string>& key) const {
-        return TextHash{}(key.first) * 31 + TextHash{}(key.second);
+// An order of the memo's keys (identifiers, pairs of texts, small integers) that
+// is cheap to test: texts by length, then by their first eight bytes taken as one
+// number, and only then byte by byte. Identifiers of one length nearly always
+// differ in their first eight bytes, so a lookup in a tree of hundreds of them
+// rarely compares memory.
+struct MemoKeyLess {
+    static int compare(std::string_view a, std::string_view b) noexcept {
+        if (a.size() != b.size()) {
+            return a.size() < b.size() ? -1 : 1;
+        }
+        if (a.size() >= 8) {
+            std::uint64_t wordA = 0;
+            std::uint64_t wordB = 0;
+            std::memcpy(&wordA, a.data(), sizeof wordA);
+            std::memcpy(&wordB, b.data(), sizeof wordB);
+            if (wordA != wordB) {
+                return wordA < wordB ? -1 : 1;
+            }
+        }
+        return a.compare(b);
     }
-    std::size_t operator()(int key) const { return std::hash<int>{}(key); }
+    bool operator()(const std::string& a, const std::string& b) const noexcept {
+        return compare(a, b) < 0;
+    }
+    bool operator()(const std::pair<std::string, std::string>& a,
+                    const std::pair<std::string, std::string>& b) const noexcept {
+        const int first = compare(a.first, b.first);
+        return first != 0 ? first < 0 : compare(a.second, b.second) < 0;
+    }
+    bool operator()(int a, int b) const noexcept { return a < b; }
 };
 
 // The answers of one kind of read by key, kept until the transaction writes one
@@ -234,12 +257,9 @@ class ReadMemo {
     std::size_t tables_ = 0;
     // The connection's rowChanges() when seen_ was last brought up to date.
     std::uint64_t rowsSeen_ = 0;
-    // Hashed: a large operation asks for hundreds of rows by identifier, and the
-    // string comparisons of a tree cost more than one hash of the key.
-    using Values = std::unordered_map<Key, Entry, MemoKeyHash>;
-    // Retired maps must move, not copy, when retired_ grows: their nodes are
-    // what references handed out point at.
-    static_assert(std::is_nothrow_move_constructible_v<Values>);
+    // A tree: its nodes stay where they are when the map is moved into
+    // retired_, and a small map allocates nothing but its nodes.
+    using Values = std::map<Key, Entry, MemoKeyLess>;
     Values values_;
     std::vector<Values> retired_;
     std::vector<std::unique_ptr<Value>> kept_;
