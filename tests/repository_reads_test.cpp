@@ -232,6 +232,33 @@ TEST_P(RepositoryReads, MemoisedReadsAnswerAnewAfterTheTransactionWritesTheirTab
     });
 }
 
+TEST_P(RepositoryReads, MemoisedReadsKeepKeysApartThatShareTheirFirstBytes) {
+    // Same length and first eight bytes, or the same start and another length:
+    // each key must find its own answer in one transaction's memo.
+    const std::vector<std::string> ids{"identity-01", "identity-02", "identity-010", "identity-1",
+                                       "id"};
+    for (const auto& id : ids) {
+        db_.addPerson("person-of-" + id);
+        db_.addIdentity(id, "gmail", id + "@example.com");
+        db_.addMembership("membership-of-" + id, id, "person-of-" + id);
+    }
+    db_.exec(
+        "INSERT INTO owner_alias (source_type, handle_normalized) VALUES ('gmail', "
+        "'identity-01@example.com')");
+    inRead([&](internal::RepositoryCore& core, store::Connection& c) {
+        for (int round = 0; round < 2; ++round) {
+            for (const auto& id : ids) {
+                EXPECT_EQ(core.sourceIdentityRow(id, c)->id, id);
+                EXPECT_EQ(core.activeMembershipRow(id, c)->canonicalPersonID, "person-of-" + id);
+                EXPECT_EQ(core.isOwnerIdentity("gmail", id + "@example.com", c),
+                          id == "identity-01");
+            }
+        }
+        EXPECT_FALSE(core.sourceIdentityRow("identity-03", c));
+        return 0;
+    });
+}
+
 TEST_P(RepositoryReads, OwnerIdentityByAliasAccountOrOwnPersonMembership) {
     db_.addPerson("me");
     db_.addPerson("friend");
