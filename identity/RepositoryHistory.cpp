@@ -97,8 +97,7 @@ std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
         return std::nullopt;
     }
 
-    // What the entry needs is taken from each snapshot at once.
-    MergePreState& snapshot = scratch;
+    // What the entry needs is taken from each snapshot as soon as it is decoded.
     std::vector<std::string> involved;
     bool concernsPerson = false;
     for (const auto& row : rows) {
@@ -106,16 +105,16 @@ std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
             concernsPerson = true;
         }
         // An undecodable snapshot contributes nothing.
-        if (!decodeMergePreStateInto(row.preMergeStateJSON, snapshot)) {
+        if (!decodeMergePreStateInto(row.preMergeStateJSON, scratch)) {
             continue;
         }
         concernsPerson =
-            concernsPerson || std::any_of(snapshot.priorActiveMemberships.begin(),
-                                          snapshot.priorActiveMemberships.end(),
+            concernsPerson || std::any_of(scratch.priorActiveMemberships.begin(),
+                                          scratch.priorActiveMemberships.end(),
                                           [&](const MergePreState::PriorMembership& membership) {
                                               return membership.canonicalPersonID == personID;
                                           });
-        for (const auto& image : snapshot.membershipPostImages) {
+        for (const auto& image : scratch.membershipPostImages) {
             if (std::find(involved.begin(), involved.end(), image.sourceIdentityID) ==
                 involved.end()) {
                 involved.push_back(image.sourceIdentityID);
