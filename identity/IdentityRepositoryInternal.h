@@ -269,7 +269,8 @@ class ReadMemo {
 // heads, the scans of live person-person constraints, and single rows the cores
 // ask for again. Lives on the connection for one transaction
 // (store::Connection::transactionMemo) and is dropped when it ends, but for the
-// last merge snapshots, which are recognised by their text; an entry is
+// last merge snapshots, which are recognised by their text, and the storage of
+// the decode scratch record; an entry is
 // forgotten as soon as the transaction writes the table it came from, except
 // where the writer tells the memo what it wrote (personAbsorbed, unrelatedWrite).
 struct OperationMemo {
