@@ -202,12 +202,30 @@ class ReadMemo {
         }
     }
 
-    template <typename Read>
-    const Value& get(store::Connection& db, const Key& key, Read&& read) {
+    // The answer for key; on a miss, fill(Value&) reads it into a value that
+    // may hold an answer of an earlier transaction, and must overwrite all of it.
+    template <typename Fill>
+    const Value& getInto(store::Connection& db, const Key& key, Fill&& fill) {
         if (const Value* known = find(db, key)) {
             return *known;
         }
-        return values_.try_emplace(key, read).first->second.value;
+        if (spare_.empty()) {
+            const auto it = values_.try_emplace(key).first;
+            try {
+                fill(it->second.value);
+            } catch (...) {
+                values_.erase(it);
+                throw;
+            }
+            return it->second.value;
+        }
+        // A node of an earlier transaction: its key and strings keep their
+        // storage, so that the answer is read without allocating.
+        auto node = std::move(spare_.back());
+        spare_.pop_back();
+        node.key() = key;
+        fill(node.mapped().value);
+        return values_.insert(std::move(node)).position->second.value;
     }
 
     // An answer read outside a transaction, where nothing may be remembered: kept
@@ -238,20 +256,41 @@ class ReadMemo {
         return it == values_.end() ? nullptr : &it->second.value;
     }
 
-    // Forgets everything; only between transactions.
+    // Forgets everything; only between transactions. Up to kSpareNodes of the
+    // answers' nodes are kept for the next transactions to read into.
     void clear() noexcept {
-        values_.clear();
+        recycle(values_);
+        for (auto& retired : retired_) {
+            recycle(retired);
+        }
         retired_.clear();
         kept_.clear();
     }
 
   private:
-    // An answer, built where it is kept: read() initialises it directly.
     struct Entry {
-        template <typename Read>
-        explicit Entry(Read& read) : value(read()) {}
-        Value value;
+        Value value{};
     };
+    using Values = std::map<Key, Entry, MemoKeyLess>;
+    static constexpr std::size_t kSpareNodes = 1024;
+
+    void recycle(Values& values) noexcept {
+        if (values.empty()) {
+            return;
+        }
+        if (spare_.capacity() < kSpareNodes) {
+            try {
+                spare_.reserve(kSpareNodes);
+            } catch (...) {
+                values.clear();
+                return;
+            }
+        }
+        while (!values.empty() && spare_.size() < kSpareNodes) {
+            spare_.push_back(values.extract(values.begin()));
+        }
+        values.clear();
+    }
 
     std::array<std::pair<std::string_view, std::uint64_t>, 5> seen_{};
     std::size_t tables_ = 0;
@@ -259,10 +298,11 @@ class ReadMemo {
     std::uint64_t rowsSeen_ = 0;
     // A tree: its nodes stay where they are when the map is moved into
     // retired_, and a small map allocates nothing but its nodes.
-    using Values = std::map<Key, Entry, MemoKeyLess>;
     Values values_;
     std::vector<Values> retired_;
     std::vector<std::unique_ptr<Value>> kept_;
+    // Nodes of earlier transactions, with the storage of their keys and answers.
+    std::vector<typename Values::node_type> spare_;
 };
 
 // What one operation has already read, so that it reads each row once: absorption
@@ -392,15 +432,25 @@ struct OperationMemo {
 };
 
 // The memoised answer of `which` for `key` within the current transaction;
-// outside one, `read` runs every time. The answer stays valid until the
+// outside one, `fill` runs every time. fill(Value&) reads the answer into the
+// value given, overwriting whatever it held. The answer stays valid until the
 // transaction ends (outside one, until the connection's next transaction).
+template <typename Key, typename Value, typename Fill>
+const Value& memoisedReadInto(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*which,
+                              const Key& key, Fill&& fill) {
+    if (OperationMemo* memo = OperationMemo::of(db)) {
+        return (memo->*which).getInto(db, key, std::forward<Fill>(fill));
+    }
+    Value value{};
+    fill(value);
+    return (db.transactionMemo<OperationMemo>().*which).keep(std::move(value));
+}
+
+// The same with read() returning the answer.
 template <typename Key, typename Value, typename Read>
 const Value& memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*which,
                           const Key& key, Read&& read) {
-    if (OperationMemo* memo = OperationMemo::of(db)) {
-        return (memo->*which).get(db, key, std::forward<Read>(read));
-    }
-    return (db.transactionMemo<OperationMemo>().*which).keep(read());
+    return memoisedReadInto(db, which, key, [&](Value& value) { value = read(); });
 }
 
 // Files each (a_id, b_id) under the head of a_id, in memory from resource.

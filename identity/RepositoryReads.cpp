@@ -55,6 +55,48 @@ T parsedOrCorrupt(std::optional<T> value) {
     return *value;
 }
 
+// The first row of the statement decoded into slot, or slot emptied when there
+// is none. The row callbacks capture one reference, which std::function keeps
+// without allocating.
+template <typename T, typename DecodeInto>
+void firstRowInto(store::Connection& db, const std::string& sql, const store::Params& params,
+                  std::optional<T>& slot, DecodeInto decodeInto) {
+    struct {
+        std::optional<T>& slot;
+        DecodeInto decodeInto;
+        bool found = false;
+    } read{slot, decodeInto};
+    db.queryWhile(sql, params, [&read](const store::Row& row) {
+        if (!read.slot) {
+            read.slot.emplace();
+        }
+        read.decodeInto(row, *read.slot);
+        read.found = true;
+        return false;
+    });
+    if (!read.found) {
+        slot.reset();
+    }
+}
+
+// The rows of the statement decoded into rows, reusing the records it holds.
+template <typename T, typename DecodeInto>
+void allRowsInto(store::Connection& db, const std::string& sql, const store::Params& params,
+                 std::vector<T>& rows, DecodeInto decodeInto) {
+    struct {
+        std::vector<T>& rows;
+        DecodeInto decodeInto;
+        std::size_t count = 0;
+    } read{rows, decodeInto};
+    db.query(sql, params, [&read](const store::Row& row) {
+        if (read.count == read.rows.size()) {
+            read.rows.emplace_back();
+        }
+        read.decodeInto(row, read.rows[read.count++]);
+    });
+    rows.resize(read.count);
+}
+
 template <typename T, typename Decode>
 std::optional<T> firstRow(store::Connection& db, const std::string& sql,
                           const store::Params& params, Decode decode) {
@@ -91,64 +133,82 @@ const store::ColumnSet kConstraintColumns{"id",   "a_type",     "a_id",       "b
 
 }  // namespace
 
-SourceIdentityRow decodeSourceIdentity(const store::Row& row) {
+// Each decoder overwrites every field of the record it is given, which may hold
+// a row read before: its strings keep their storage.
+void decodeSourceIdentityInto(const store::Row& row, SourceIdentityRow& to) {
     const auto& c = row.positions(kSourceIdentityColumns);
-    return SourceIdentityRow{
-        .id = row.text(c[0]),
-        .sourceType = row.text(c[1]),
-        .handleNormalized = row.text(c[2]),
-        .displayName = row.optionalText(c[3]),
-        .firstSeenAt = row.text(c[4]),
-        .lastSeenAt = row.text(c[5]),
-        .createdAt = row.text(c[6]),
-    };
+    row.textInto(c[0], to.id);
+    row.textInto(c[1], to.sourceType);
+    row.textInto(c[2], to.handleNormalized);
+    row.optionalTextInto(c[3], to.displayName);
+    row.textInto(c[4], to.firstSeenAt);
+    row.textInto(c[5], to.lastSeenAt);
+    row.textInto(c[6], to.createdAt);
 }
 
-PersonRow decodePerson(const store::Row& row) {
+void decodePersonInto(const store::Row& row, PersonRow& to) {
     const auto& c = row.positions(kPersonColumns);
-    return PersonRow{
-        .id = row.text(c[0]),
-        .displayName = row.optionalText(c[1]),
-        .tier = row.text(c[2]),
-        .createdFrom = row.optionalText(c[3]),
-        .mergedIntoPersonID = row.optionalText(c[4]),
-        .createdAt = row.text(c[5]),
-    };
+    row.textInto(c[0], to.id);
+    row.optionalTextInto(c[1], to.displayName);
+    row.textInto(c[2], to.tier);
+    row.optionalTextInto(c[3], to.createdFrom);
+    row.optionalTextInto(c[4], to.mergedIntoPersonID);
+    row.textInto(c[5], to.createdAt);
 }
 
-IdentityMembershipRow decodeMembership(const store::Row& row) {
+void decodeMembershipInto(const store::Row& row, IdentityMembershipRow& to) {
     const auto& c = row.positions(kMembershipColumns);
     // The enumerations are parsed first, so that a corrupt row fails before
     // anything else is read.
-    const auto state = parsedOrCorrupt(parseMembershipState(row.text(c[0])));
-    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text(c[1])));
-    return IdentityMembershipRow{
-        .id = row.text(c[2]),
-        .sourceIdentityID = row.text(c[3]),
-        .canonicalPersonID = row.text(c[4]),
-        .state = state,
-        .because = row.optionalText(c[5]),
-        .decidedBy = decidedBy,
-        .decidedAt = row.text(c[6]),
-        .endedAt = row.optionalText(c[7]),
-        .createdAt = row.text(c[8]),
-    };
+    const auto state = parsedOrCorrupt(parseMembershipState(row.view(c[0])));
+    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.view(c[1])));
+    row.textInto(c[2], to.id);
+    row.textInto(c[3], to.sourceIdentityID);
+    row.textInto(c[4], to.canonicalPersonID);
+    to.state = state;
+    row.optionalTextInto(c[5], to.because);
+    to.decidedBy = decidedBy;
+    row.textInto(c[6], to.decidedAt);
+    row.optionalTextInto(c[7], to.endedAt);
+    row.textInto(c[8], to.createdAt);
+}
+
+void decodeMergeEventInto(const store::Row& row, MergeEventRow& to) {
+    const auto& c = row.positions(kMergeEventColumns);
+    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.view(c[0])));
+    row.textInto(c[1], to.id);
+    row.textInto(c[2], to.survivingPersonID);
+    row.optionalTextInto(c[3], to.absorbedPersonID);
+    row.textInto(c[4], to.preMergeStateJSON);
+    row.optionalTextInto(c[5], to.because);
+    to.decidedBy = decidedBy;
+    row.textInto(c[6], to.createdAt);
+    row.optionalTextInto(c[7], to.reversedAt);
+    row.optionalTextInto(c[8], to.operationID);
+}
+
+SourceIdentityRow decodeSourceIdentity(const store::Row& row) {
+    SourceIdentityRow decoded;
+    decodeSourceIdentityInto(row, decoded);
+    return decoded;
+}
+
+PersonRow decodePerson(const store::Row& row) {
+    PersonRow decoded;
+    decodePersonInto(row, decoded);
+    return decoded;
+}
+
+IdentityMembershipRow decodeMembership(const store::Row& row) {
+    IdentityMembershipRow decoded;
+    decodeMembershipInto(row, decoded);
+    return decoded;
 }
 
 MergeEventRow decodeMergeEvent(const store::Row& row) {
-    const auto& c = row.positions(kMergeEventColumns);
-    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text(c[0])));
-    return MergeEventRow{
-        .id = row.text(c[1]),
-        .survivingPersonID = row.text(c[2]),
-        .absorbedPersonID = row.optionalText(c[3]),
-        .preMergeStateJSON = row.text(c[4]),
-        .because = row.optionalText(c[5]),
-        .decidedBy = decidedBy,
-        .createdAt = row.text(c[6]),
-        .reversedAt = row.optionalText(c[7]),
-        .operationID = row.optionalText(c[8]),
-    };
+    MergeEventRow decoded;
+    decodeMergeEventInto(row, decoded);
+    return decoded;
 }
 
 IdentityConstraintRow decodeConstraint(const store::Row& row) {
@@ -170,60 +230,78 @@ RepositoryCore::RepositoryCore(host::HostServices services) : services_(std::mov
 
 std::optional<SourceIdentityRow> RepositoryCore::readSourceIdentity(const std::string& id,
                                                                     store::Connection& db) {
-    return firstRow<SourceIdentityRow>(db, kSelectSourceIdentity, {id}, decodeSourceIdentity);
+    std::optional<SourceIdentityRow> row;
+    firstRowInto(db, kSelectSourceIdentity, {id}, row, decodeSourceIdentityInto);
+    return row;
 }
 
 std::optional<PersonRow> RepositoryCore::readPerson(const std::string& id, store::Connection& db) {
-    return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson);
+    std::optional<PersonRow> row;
+    firstRowInto(db, kSelectPerson, {id}, row, decodePersonInto);
+    return row;
 }
 
 std::optional<IdentityMembershipRow> RepositoryCore::readActiveMembership(
     const std::string& sourceIdentityID, store::Connection& db) {
-    return firstRow<IdentityMembershipRow>(db, kSelectActiveMembershipOfIdentity,
-                                           {sourceIdentityID}, decodeMembership);
+    std::optional<IdentityMembershipRow> row;
+    firstRowInto(db, kSelectActiveMembershipOfIdentity, {sourceIdentityID}, row,
+                 decodeMembershipInto);
+    return row;
 }
 
 std::vector<IdentityMembershipRow> RepositoryCore::readActiveMemberships(
     const std::string& personID, store::Connection& db) {
     std::vector<IdentityMembershipRow> rows;
-    db.query(kSelectActiveMembershipsOfPerson, {personID}, [&](const store::Row& row) {
-        rows.emplace_back(DecodedInPlace{row, decodeMembership});
-    });
+    allRowsInto(db, kSelectActiveMembershipsOfPerson, {personID}, rows, decodeMembershipInto);
     return rows;
 }
 
 std::optional<MergeEventRow> RepositoryCore::readMergeEvent(const std::string& id,
                                                             store::Connection& db) {
-    return firstRow<MergeEventRow>(db, kSelectMergeEvent, {id}, decodeMergeEvent);
+    std::optional<MergeEventRow> row;
+    firstRowInto(db, kSelectMergeEvent, {id}, row, decodeMergeEventInto);
+    return row;
 }
 
+// The memoised reads decode into records the memo kept from earlier
+// transactions, so that a row read again and again allocates nothing.
 const std::optional<SourceIdentityRow>& RepositoryCore::sourceIdentityRow(const std::string& id,
                                                                           store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::sourceIdentities, id,
-                        [&] { return readSourceIdentity(id, db); });
+    return memoisedReadInto(db, &OperationMemo::sourceIdentities, id, [&](auto& slot) {
+        firstRowInto(db, kSelectSourceIdentity, {id}, slot, decodeSourceIdentityInto);
+    });
 }
 
 const std::optional<PersonRow>& RepositoryCore::personRow(const std::string& id,
                                                           store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::persons, id, [&] { return readPerson(id, db); });
+    return memoisedReadInto(db, &OperationMemo::persons, id, [&](auto& slot) {
+        firstRowInto(db, kSelectPerson, {id}, slot, decodePersonInto);
+    });
 }
 
 const std::optional<IdentityMembershipRow>& RepositoryCore::activeMembershipRow(
     const std::string& sourceIdentityID, store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::activeMembershipOfIdentity, sourceIdentityID,
-                        [&] { return readActiveMembership(sourceIdentityID, db); });
+    return memoisedReadInto(db, &OperationMemo::activeMembershipOfIdentity, sourceIdentityID,
+                            [&](auto& slot) {
+                                firstRowInto(db, kSelectActiveMembershipOfIdentity,
+                                             {sourceIdentityID}, slot, decodeMembershipInto);
+                            });
 }
 
 const std::vector<IdentityMembershipRow>& RepositoryCore::activeMembershipRows(
     const std::string& personID, store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::activeMembershipsOfPerson, personID,
-                        [&] { return readActiveMemberships(personID, db); });
+    return memoisedReadInto(db, &OperationMemo::activeMembershipsOfPerson, personID,
+                            [&](auto& rows) {
+                                allRowsInto(db, kSelectActiveMembershipsOfPerson, {personID}, rows,
+                                            decodeMembershipInto);
+                            });
 }
 
 const std::optional<MergeEventRow>& RepositoryCore::mergeEventRow(const std::string& id,
                                                                   store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::mergeEvents, id,
-                        [&] { return readMergeEvent(id, db); });
+    return memoisedReadInto(db, &OperationMemo::mergeEvents, id, [&](auto& slot) {
+        firstRowInto(db, kSelectMergeEvent, {id}, slot, decodeMergeEventInto);
+    });
 }
 
 std::shared_ptr<const MergePreState> RepositoryCore::decodedSnapshot(const MergeEventRow& event,

@@ -199,6 +199,17 @@ std::optional<std::string> Row::optionalText(int index) const {
     return std::string(text);
 }
 
+void Row::optionalTextInto(int index, std::optional<std::string>& to) const {
+    const std::string_view text = view(index);
+    if (text.data() == nullptr && isNull(index)) {
+        to.reset();
+    } else if (to) {
+        to->assign(text);
+    } else {
+        to.emplace(text);
+    }
+}
+
 int Row::indexOf(std::string_view column) const {
     if (statement_ != nullptr) {
         if (statement_->columnNames_.empty()) {

@@ -240,6 +240,10 @@ class Row {
     // The text of a column where SQLite keeps it: valid until the statement steps
     // again or ends. NULL reads as the empty string.
     [[nodiscard]] std::string_view view(int index) const;
+    // The column copied into a string the caller keeps, which keeps its storage
+    // when that is large enough: for records read again and again.
+    void textInto(int index, std::string& to) const { to.assign(view(index)); }
+    void optionalTextInto(int index, std::optional<std::string>& to) const;
     [[nodiscard]] std::int64_t integer(int index) const;
     [[nodiscard]] double real(int index) const;
 

@@ -259,6 +259,78 @@ TEST_P(RepositoryReads, MemoisedReadsKeepKeysApartThatShareTheirFirstBytes) {
     });
 }
 
+TEST_P(RepositoryReads, LaterTransactionsReadIntoEarlierAnswersWithoutKeepingAnyOfThem) {
+    // The memo reads into records its earlier transactions filled: rows with
+    // every optional column set and long texts first, then rows with NULLs,
+    // shorter texts, fewer members and a missing row on the same connection.
+    db_.addPerson("person-with-everything-set", std::nullopt, "A Rather Long Display Name");
+    db_.addPerson("p-absorbed", "person-with-everything-set", "Absorbed", "identity_correction");
+    db_.addIdentity("identity-with-everything-set", "gmail", "someone.long@example.com",
+                    "Someone With A Long Name");
+    db_.addIdentity("identity-two", "gmail", "two@example.com", "Two");
+    db_.addMembership("membership-with-everything-set", "identity-with-everything-set",
+                      "person-with-everything-set", "high_conf", std::nullopt, "auto",
+                      "same contact key, and more");
+    db_.addMembership("m-two", "identity-two", "person-with-everything-set");
+    db_.exec(
+        "INSERT INTO person (id, display_name, tier, compiled_state_json, created_from, "
+        "merged_into_person_id, created_at) VALUES ('p', NULL, 'stub', NULL, NULL, NULL, "
+        "'2020-01-01T00:00:00Z')");
+    db_.addIdentity("si", "sms", "+1");
+    db_.addMembership("m", "si", "p");
+    db_.exec(
+        "INSERT INTO merge_event (id, surviving_person_id, absorbed_person_id, "
+        "pre_merge_state_json, because, decided_by, created_at, reversed_at, operation_id) "
+        "VALUES ('event-with-everything-set', 'person-with-everything-set', 'p-absorbed', "
+        "'{\"a long snapshot\": true}', 'because of a long reason', 'auto', "
+        "'2024-01-01T00:00:00Z', '2024-02-01T00:00:00Z', 'operation-with-a-long-id'), "
+        "('e', 'p', NULL, '{}', NULL, 'user', '2024-01-01T00:00:00Z', NULL, NULL)");
+
+    auto readAll = [&](const std::string& identity, const std::string& person,
+                       const std::string& event) {
+        db_.pool().write([&](store::Connection& c) {
+            EXPECT_EQ(core_.sourceIdentityRow(identity, c), repository_.sourceIdentity(identity));
+            EXPECT_EQ(core_.personRow(person, c), repository_.person(person));
+            EXPECT_EQ(core_.activeMembershipRow(identity, c),
+                      repository_.activeMembership(identity));
+            EXPECT_EQ(core_.activeMembershipRows(person, c), repository_.activeMemberships(person));
+            EXPECT_EQ(core_.mergeEventRow(event, c), repository_.mergeEvent(event));
+            EXPECT_EQ(core_.personRow("p-absorbed", c), repository_.person("p-absorbed"));
+            return 0;
+        });
+    };
+    // What the rows hold, so that a column the decoders leave out shows.
+    const auto full = repository_.mergeEvent("event-with-everything-set");
+    EXPECT_EQ(full->absorbedPersonID, "p-absorbed");
+    EXPECT_EQ(full->because, "because of a long reason");
+    EXPECT_EQ(full->reversedAt, "2024-02-01T00:00:00Z");
+    EXPECT_EQ(full->operationID, "operation-with-a-long-id");
+    EXPECT_EQ(repository_.sourceIdentity("identity-with-everything-set")->displayName,
+              "Someone With A Long Name");
+    EXPECT_EQ(repository_.activeMembership("identity-with-everything-set")->because,
+              "same contact key, and more");
+    const auto absorbed = repository_.person("p-absorbed");
+    EXPECT_EQ(absorbed->mergedIntoPersonID, "person-with-everything-set");
+    EXPECT_EQ(absorbed->createdFrom, "identity_correction");
+    EXPECT_EQ(absorbed->displayName, "Absorbed");
+
+    readAll("identity-with-everything-set", "person-with-everything-set",
+            "event-with-everything-set");
+    readAll("si", "p", "e");
+    readAll("missing", "missing", "missing");
+    readAll("identity-with-everything-set", "person-with-everything-set",
+            "event-with-everything-set");
+
+    db_.pool().write([&](store::Connection& c) {
+        const auto& event = core_.mergeEventRow("e", c);
+        EXPECT_FALSE(event->absorbedPersonID || event->because || event->reversedAt ||
+                     event->operationID);
+        EXPECT_EQ(core_.activeMembershipRows("p", c).size(), 1U);
+        EXPECT_FALSE(core_.personRow("p", c)->displayName);
+        return 0;
+    });
+}
+
 TEST_P(RepositoryReads, OwnerIdentityByAliasAccountOrOwnPersonMembership) {
     db_.addPerson("me");
     db_.addPerson("friend");
