@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -309,8 +310,8 @@ class ReadMemo {
 // heads, the scans of live person-person constraints, and single rows the cores
 // ask for again. Lives on the connection for one transaction
 // (store::Connection::transactionMemo) and is dropped when it ends, but for the
-// last merge snapshots, which are recognised by their text, and the storage of
-// the decode scratch record; an entry is
+// last merge snapshots and what the history takes from the snapshots, both
+// recognised by their text; an entry is
 // forgotten as soon as the transaction writes the table it came from, except
 // where the writer tells the memo what it wrote (personAbsorbed, unrelatedWrite).
 struct OperationMemo {
@@ -343,7 +344,8 @@ struct OperationMemo {
     std::uint64_t usesBeforeTransaction_ = 0;
     MergePreState decodeScratch_;
     // The entry of eventID, else the one used longest ago of those this
-    // transaction has not used, else a new one; marked as used now.
+    // transaction has not used, else a new one; marked as used now. else the one used longest ago
+    // of those this transaction has not used, else a new one; marked as used now.
     KnownSnapshot& snapshotSlot(const std::string& eventID);
     // The entry's record taken out for refilling: itself when nobody else holds
     // it, else a new one.
@@ -400,10 +402,23 @@ struct OperationMemo {
     // of decoding the text the correction has just encoded.
     void snapshotWritten(const std::string& eventID, std::string text,
                          MergePreState snapshot) noexcept;
-    // A record to decode snapshots into that are read once and let go, such as
-    // the history's: it keeps its storage for the connection's life, so that a
-    // decode fills strings and lists it has already allocated.
-    MergePreState& decodeScratch() noexcept { return decodeScratch_; }
+    // What the history takes from a snapshot.
+    struct SnapshotFacts {
+        bool decodable = false;
+        // The persons of the memberships active before the change.
+        std::vector<std::string> priorPersons;
+        // The identities of the memberships the change wrote, in the snapshot's
+        // order.
+        std::vector<std::string> touchedIdentities;
+    };
+    // Decodes text into scratch and takes its facts into facts, reusing the
+    // storage of both.
+    static void takeFacts(std::string_view text, MergePreState& scratch, SnapshotFacts& facts);
+    // The facts of an event's snapshot text, valid until the next call. Those of
+    // the kKeptFacts events asked for last stay for the connection's life, each
+    // with its text, and are handed out again only for a text equal to it: the
+    // history of a person shown again does not decode its snapshots again.
+    const SnapshotFacts& snapshotFacts(const std::string& eventID, const std::string& text);
     // Owner tests by (source type, handle) and by person.
     ReadMemo<std::pair<std::string, std::string>, bool> ownerIdentities{
         "owner_alias", "source_account", "owner_ego", "source_identity", "identity_membership"};
@@ -426,6 +441,19 @@ struct OperationMemo {
     void unrelatedWrite(store::Connection& db, std::string_view table);
 
   private:
+    // Snapshot facts by event id, each with the text they were taken from;
+    // valid is false while they are being replaced.
+    struct KnownFacts {
+        std::string text;
+        bool valid = false;
+        std::uint64_t lastUse = 0;
+        SnapshotFacts facts;
+    };
+    static constexpr std::size_t kKeptFacts = 64;
+    static constexpr std::size_t kLargestKeptFactsText = 16 * 1024;
+    std::unordered_map<std::string, KnownFacts> facts_;
+    std::uint64_t factUses_ = 0;
+    SnapshotFacts uncachedFacts_;
     std::uint64_t personChanges_ = 0;
     std::uint64_t constraintChanges_ = 0;
     std::uint64_t rowsSeen_ = 0;
@@ -766,11 +794,12 @@ class RepositoryCore {
 
     std::vector<IdentityHistoryEntry> identityHistory(const std::string& personID,
                                                       store::Connection& db);
-    // Absent when the events do not concern the person. Each snapshot is decoded
-    // into scratch.
-    std::optional<IdentityHistoryEntry> historyEntry(const std::vector<HistoryEventRow>& rows,
-                                                     const std::string& personID,
-                                                     MergePreState& scratch, store::Connection& db);
+    // Absent when the events do not concern the person. factsOf(row) gives what
+    // the row's snapshot records.
+    std::optional<IdentityHistoryEntry> historyEntry(
+        const std::vector<HistoryEventRow>& rows, const std::string& personID,
+        const std::function<const OperationMemo::SnapshotFacts&(const HistoryEventRow&)>& factsOf,
+        store::Connection& db);
 
     // --- Search -----------------------------------------------------------------------
 

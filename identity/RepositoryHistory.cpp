@@ -71,18 +71,28 @@ std::vector<IdentityHistoryEntry> RepositoryCore::identityHistory(const std::str
         }
     }
 
-    std::set<std::string> seen;
+    // The memo keeps what the snapshots shown lately record; outside a
+    // transaction every snapshot is decoded.
     OperationMemo* memo = OperationMemo::of(db);
     MergePreState ownScratch;
-    MergePreState& scratch = memo != nullptr ? memo->decodeScratch() : ownScratch;
+    OperationMemo::SnapshotFacts ownFacts;
+    const auto factsOf = [&](const HistoryEventRow& row) -> const OperationMemo::SnapshotFacts& {
+        if (memo != nullptr) {
+            return memo->snapshotFacts(row.id, row.preMergeStateJSON);
+        }
+        OperationMemo::takeFacts(row.preMergeStateJSON, ownScratch, ownFacts);
+        return ownFacts;
+    };
+
+    std::set<std::string> seen;
     std::vector<IdentityHistoryEntry> entries;
     for (const auto& row : candidates) {
         const std::string& key = row.operationID ? *row.operationID : row.id;
         if (!seen.insert(key).second) {
             continue;
         }
-        const auto entry = row.operationID ? historyEntry(operations.at(key), personID, scratch, db)
-                                           : historyEntry({row}, personID, scratch, db);
+        const auto entry = row.operationID ? historyEntry(operations.at(key), personID, factsOf, db)
+                                           : historyEntry({row}, personID, factsOf, db);
         if (entry) {
             entries.push_back(*entry);
         }
@@ -91,13 +101,15 @@ std::vector<IdentityHistoryEntry> RepositoryCore::identityHistory(const std::str
 }
 
 std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
-    const std::vector<HistoryEventRow>& rows, const std::string& personID, MergePreState& scratch,
+    const std::vector<HistoryEventRow>& rows, const std::string& personID,
+    const std::function<const OperationMemo::SnapshotFacts&(const HistoryEventRow&)>& factsOf,
     store::Connection& db) {
     if (rows.empty()) {
         return std::nullopt;
     }
 
-    // What the entry needs is taken from each snapshot as soon as it is decoded.
+    // What the entry needs is taken from each snapshot's facts as soon as they
+    // are given.
     std::vector<std::string> involved;
     bool concernsPerson = false;
     for (const auto& row : rows) {
@@ -105,19 +117,16 @@ std::optional<IdentityHistoryEntry> RepositoryCore::historyEntry(
             concernsPerson = true;
         }
         // An undecodable snapshot contributes nothing.
-        if (!decodeMergePreStateInto(row.preMergeStateJSON, scratch)) {
+        const auto& facts = factsOf(row);
+        if (!facts.decodable) {
             continue;
         }
         concernsPerson =
-            concernsPerson || std::any_of(scratch.priorActiveMemberships.begin(),
-                                          scratch.priorActiveMemberships.end(),
-                                          [&](const MergePreState::PriorMembership& membership) {
-                                              return membership.canonicalPersonID == personID;
-                                          });
-        for (const auto& image : scratch.membershipPostImages) {
-            if (std::find(involved.begin(), involved.end(), image.sourceIdentityID) ==
-                involved.end()) {
-                involved.push_back(image.sourceIdentityID);
+            concernsPerson || std::find(facts.priorPersons.begin(), facts.priorPersons.end(),
+                                        personID) != facts.priorPersons.end();
+        for (const auto& identity : facts.touchedIdentities) {
+            if (std::find(involved.begin(), involved.end(), identity) == involved.end()) {
+                involved.push_back(identity);
             }
         }
     }

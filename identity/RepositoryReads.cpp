@@ -501,6 +501,74 @@ void OperationMemo::snapshotWritten(const std::string& eventID, std::string text
     }
 }
 
+namespace {
+
+// The texts of a list written over the strings to already holds.
+template <typename Range, typename Project>
+void assignTexts(std::vector<std::string>& to, const Range& from, Project project) {
+    std::size_t count = 0;
+    for (const auto& element : from) {
+        if (count == to.size()) {
+            to.emplace_back(project(element));
+        } else {
+            to[count].assign(project(element));
+        }
+        ++count;
+    }
+    to.resize(count);
+}
+
+}  // namespace
+
+void OperationMemo::takeFacts(std::string_view text, MergePreState& scratch, SnapshotFacts& facts) {
+    facts.decodable = decodeMergePreStateInto(text, scratch);
+    if (!facts.decodable) {
+        facts.priorPersons.clear();
+        facts.touchedIdentities.clear();
+        return;
+    }
+    assignTexts(facts.priorPersons, scratch.priorActiveMemberships,
+                [](const MergePreState::PriorMembership& m) -> const std::string& {
+                    return m.canonicalPersonID;
+                });
+    assignTexts(facts.touchedIdentities, scratch.membershipPostImages,
+                [](const MergePreState::MembershipRowImage& image) -> const std::string& {
+                    return image.sourceIdentityID;
+                });
+}
+
+const OperationMemo::SnapshotFacts& OperationMemo::snapshotFacts(const std::string& eventID,
+                                                                 const std::string& text) {
+    if (text.size() > kLargestKeptFactsText) {
+        takeFacts(text, decodeScratch_, uncachedFacts_);
+        return uncachedFacts_;
+    }
+    auto it = facts_.find(eventID);
+    if (it != facts_.end() && it->second.valid && it->second.text == text) {
+        it->second.lastUse = ++factUses_;
+        return it->second.facts;
+    }
+    if (it == facts_.end()) {
+        if (facts_.size() < kKeptFacts) {
+            it = facts_.try_emplace(eventID).first;
+        } else {
+            // The entry used longest ago takes the event, with its storage.
+            auto node = facts_.extract(std::min_element(
+                facts_.begin(), facts_.end(),
+                [](const auto& a, const auto& b) { return a.second.lastUse < b.second.lastUse; }));
+            node.key() = eventID;
+            it = facts_.insert(std::move(node)).position;
+        }
+    }
+    KnownFacts& entry = it->second;
+    entry.valid = false;
+    entry.lastUse = ++factUses_;
+    takeFacts(text, decodeScratch_, entry.facts);
+    entry.text.assign(text);
+    entry.valid = true;
+    return entry.facts;
+}
+
 OperationMemo* OperationMemo::of(store::Connection& db) {
     // Outside a transaction every statement sees the latest commit of any process:
     // nothing may be remembered.

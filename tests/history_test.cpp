@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "identity/IdentityRepository.h"
 #include "tests/support/TestSupport.h"
 
@@ -95,6 +97,61 @@ TEST(History, EntriesGroupEventsByOperationAndKeepThePersonsOwn) {
     EXPECT_EQ(reversedAt("NULL", "'r2'"), std::nullopt);
     EXPECT_EQ(reversedAt("'r1'", "'r2'"), "r2");
     EXPECT_EQ(reversedAt("'r2'", "'r1'"), "r2");
+}
+
+TEST(History, ShowsWhatEachSnapshotHoldsNowWhenShownAgain) {
+    // A person's history is shown again and again; a snapshot rewritten in
+    // place between two showings must be read as it is now.
+    Store s;
+    s.db.addIdentity("A", "gmail", "ann@example.com");
+    s.db.addIdentity("B", "apple_contacts", "ann@example.com");
+    s.addEvent("e1", "P", std::nullopt, snapshot({}, {{"A", "P"}}), "t1");
+    // Names P only as a prior person.
+    s.addEvent("e2", "S", std::nullopt, snapshot({{"B", "P"}}, {{"B", "S"}}), "t2");
+
+    const auto setSnapshot = [&](const std::string& event, const std::string& json) {
+        s.db.exec("UPDATE merge_event SET pre_merge_state_json = " + sql(json) +
+                  " WHERE id = " + sql(event));
+    };
+    const auto shownAgain = [&] {
+        // More than once on every reader connection: each keeps what it decoded.
+        std::vector<IdentityHistoryEntry> history;
+        for (int i = 0; i < 8; ++i) {
+            auto again = s.repo.identityHistory("P");
+            if (i > 0) {
+                EXPECT_EQ(again.size(), history.size());
+                for (std::size_t k = 0; k < std::min(again.size(), history.size()); ++k) {
+                    EXPECT_EQ(again[k].involvedSourceIdentityIDs,
+                              history[k].involvedSourceIdentityIDs);
+                }
+            }
+            history = std::move(again);
+        }
+        return history;
+    };
+
+    auto history = shownAgain();
+    ASSERT_EQ(history.size(), 2u);
+    EXPECT_EQ(history[0].involvedSourceIdentityIDs, (Strings{"A"}));
+    EXPECT_EQ(history[1].involvedSourceIdentityIDs, (Strings{"B"}));
+
+    setSnapshot("e1", snapshot({}, {{"B", "P"}, {"A", "P"}}));
+    setSnapshot("e2", snapshot({{"B", "R"}}, {{"B", "S"}}));
+    history = shownAgain();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_EQ(history[0].involvedSourceIdentityIDs, (Strings{"B", "A"}));
+    EXPECT_EQ(history[0].providers, (Strings{"apple_contacts", "gmail"}));
+
+    setSnapshot("e1", "not json");
+    history = shownAgain();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_TRUE(history[0].involvedSourceIdentityIDs.empty());
+
+    setSnapshot("e1", snapshot({}, {{"A", "P"}}));
+    setSnapshot("e2", snapshot({{"B", "P"}}, {{"B", "S"}}));
+    history = shownAgain();
+    ASSERT_EQ(history.size(), 2u);
+    EXPECT_EQ(history[0].involvedSourceIdentityIDs, (Strings{"A"}));
 }
 
 TEST(History, NewestThousandEventsStillShowWholeOperations) {
