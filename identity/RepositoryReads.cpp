@@ -133,8 +133,10 @@ const store::ColumnSet kConstraintColumns{"id",   "a_type",     "a_id",       "b
 
 }  // namespace
 
-// Each decoder overwrites every field of the record it is given, which may hold
-// a row read before: its strings keep their storage.
+// The memo's decoders: each overwrites every field of the record it is given,
+// which may hold a row read before, so that its strings keep their storage. The
+// decoders below build new records instead, which costs less than overwriting
+// an empty one.
 void decodeSourceIdentityInto(const store::Row& row, SourceIdentityRow& to) {
     const auto& c = row.positions(kSourceIdentityColumns);
     row.textInto(c[0], to.id);
@@ -188,27 +190,63 @@ void decodeMergeEventInto(const store::Row& row, MergeEventRow& to) {
 }
 
 SourceIdentityRow decodeSourceIdentity(const store::Row& row) {
-    SourceIdentityRow decoded;
-    decodeSourceIdentityInto(row, decoded);
-    return decoded;
+    const auto& c = row.positions(kSourceIdentityColumns);
+    return SourceIdentityRow{
+        .id = row.text(c[0]),
+        .sourceType = row.text(c[1]),
+        .handleNormalized = row.text(c[2]),
+        .displayName = row.optionalText(c[3]),
+        .firstSeenAt = row.text(c[4]),
+        .lastSeenAt = row.text(c[5]),
+        .createdAt = row.text(c[6]),
+    };
 }
 
 PersonRow decodePerson(const store::Row& row) {
-    PersonRow decoded;
-    decodePersonInto(row, decoded);
-    return decoded;
+    const auto& c = row.positions(kPersonColumns);
+    return PersonRow{
+        .id = row.text(c[0]),
+        .displayName = row.optionalText(c[1]),
+        .tier = row.text(c[2]),
+        .createdFrom = row.optionalText(c[3]),
+        .mergedIntoPersonID = row.optionalText(c[4]),
+        .createdAt = row.text(c[5]),
+    };
 }
 
 IdentityMembershipRow decodeMembership(const store::Row& row) {
-    IdentityMembershipRow decoded;
-    decodeMembershipInto(row, decoded);
-    return decoded;
+    const auto& c = row.positions(kMembershipColumns);
+    // The enumerations are parsed first, so that a corrupt row fails before
+    // anything else is read.
+    const auto state = parsedOrCorrupt(parseMembershipState(row.text(c[0])));
+    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text(c[1])));
+    return IdentityMembershipRow{
+        .id = row.text(c[2]),
+        .sourceIdentityID = row.text(c[3]),
+        .canonicalPersonID = row.text(c[4]),
+        .state = state,
+        .because = row.optionalText(c[5]),
+        .decidedBy = decidedBy,
+        .decidedAt = row.text(c[6]),
+        .endedAt = row.optionalText(c[7]),
+        .createdAt = row.text(c[8]),
+    };
 }
 
 MergeEventRow decodeMergeEvent(const store::Row& row) {
-    MergeEventRow decoded;
-    decodeMergeEventInto(row, decoded);
-    return decoded;
+    const auto& c = row.positions(kMergeEventColumns);
+    const auto decidedBy = parsedOrCorrupt(parseDecidedBy(row.text(c[0])));
+    return MergeEventRow{
+        .id = row.text(c[1]),
+        .survivingPersonID = row.text(c[2]),
+        .absorbedPersonID = row.optionalText(c[3]),
+        .preMergeStateJSON = row.text(c[4]),
+        .because = row.optionalText(c[5]),
+        .decidedBy = decidedBy,
+        .createdAt = row.text(c[6]),
+        .reversedAt = row.optionalText(c[7]),
+        .operationID = row.optionalText(c[8]),
+    };
 }
 
 IdentityConstraintRow decodeConstraint(const store::Row& row) {
@@ -230,37 +268,31 @@ RepositoryCore::RepositoryCore(host::HostServices services) : services_(std::mov
 
 std::optional<SourceIdentityRow> RepositoryCore::readSourceIdentity(const std::string& id,
                                                                     store::Connection& db) {
-    std::optional<SourceIdentityRow> row;
-    firstRowInto(db, kSelectSourceIdentity, {id}, row, decodeSourceIdentityInto);
-    return row;
+    return firstRow<SourceIdentityRow>(db, kSelectSourceIdentity, {id}, decodeSourceIdentity);
 }
 
 std::optional<PersonRow> RepositoryCore::readPerson(const std::string& id, store::Connection& db) {
-    std::optional<PersonRow> row;
-    firstRowInto(db, kSelectPerson, {id}, row, decodePersonInto);
-    return row;
+    return firstRow<PersonRow>(db, kSelectPerson, {id}, decodePerson);
 }
 
 std::optional<IdentityMembershipRow> RepositoryCore::readActiveMembership(
     const std::string& sourceIdentityID, store::Connection& db) {
-    std::optional<IdentityMembershipRow> row;
-    firstRowInto(db, kSelectActiveMembershipOfIdentity, {sourceIdentityID}, row,
-                 decodeMembershipInto);
-    return row;
+    return firstRow<IdentityMembershipRow>(db, kSelectActiveMembershipOfIdentity,
+                                           {sourceIdentityID}, decodeMembership);
 }
 
 std::vector<IdentityMembershipRow> RepositoryCore::readActiveMemberships(
     const std::string& personID, store::Connection& db) {
     std::vector<IdentityMembershipRow> rows;
-    allRowsInto(db, kSelectActiveMembershipsOfPerson, {personID}, rows, decodeMembershipInto);
+    db.query(kSelectActiveMembershipsOfPerson, {personID}, [&](const store::Row& row) {
+        rows.emplace_back(DecodedInPlace{row, decodeMembership});
+    });
     return rows;
 }
 
 std::optional<MergeEventRow> RepositoryCore::readMergeEvent(const std::string& id,
                                                             store::Connection& db) {
-    std::optional<MergeEventRow> row;
-    firstRowInto(db, kSelectMergeEvent, {id}, row, decodeMergeEventInto);
-    return row;
+    return firstRow<MergeEventRow>(db, kSelectMergeEvent, {id}, decodeMergeEvent);
 }
 
 // The memoised reads decode into records the memo kept from earlier
