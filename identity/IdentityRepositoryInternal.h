@@ -342,10 +342,10 @@ struct OperationMemo {
     std::vector<KnownSnapshot> snapshots_;
     std::uint64_t snapshotUses_ = 0;
     std::uint64_t usesBeforeTransaction_ = 0;
+    // What snapshots that are not kept decode into; it keeps its storage.
     MergePreState decodeScratch_;
     // The entry of eventID, else the one used longest ago of those this
-    // transaction has not used, else a new one; marked as used now. else the one used longest ago
-    // of those this transaction has not used, else a new one; marked as used now.
+    // transaction has not used, else a new one; marked as used now.
     KnownSnapshot& snapshotSlot(const std::string& eventID);
     // The entry's record taken out for refilling: itself when nobody else holds
     // it, else a new one.

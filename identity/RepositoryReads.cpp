@@ -133,6 +133,8 @@ const store::ColumnSet kConstraintColumns{"id",   "a_type",     "a_id",       "b
 
 }  // namespace
 
+namespace {
+
 // The memo's decoders: each overwrites every field of the record it is given,
 // which may hold a row read before, so that its strings keep their storage. The
 // decoders below build new records instead, which costs less than overwriting
@@ -188,6 +190,8 @@ void decodeMergeEventInto(const store::Row& row, MergeEventRow& to) {
     row.optionalTextInto(c[7], to.reversedAt);
     row.optionalTextInto(c[8], to.operationID);
 }
+
+}  // namespace
 
 SourceIdentityRow decodeSourceIdentity(const store::Row& row) {
     const auto& c = row.positions(kSourceIdentityColumns);
