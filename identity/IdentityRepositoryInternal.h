@@ -188,6 +188,20 @@ struct MemoKeyLess {
     bool operator()(int a, int b) const noexcept { return a < b; }
 };
 
+// Bytes an answer keeps allocated beyond its record's short texts: what a node
+// kept between transactions would hold on to.
+template <typename T>
+std::size_t answerBytes(const T&) noexcept {
+    return 0;
+}
+template <typename T>
+std::size_t answerBytes(const std::vector<T>& rows) noexcept {
+    return rows.capacity() * sizeof(T);
+}
+inline std::size_t answerBytes(const std::optional<MergeEventRow>& event) noexcept {
+    return event ? event->preMergeStateJSON.capacity() : 0;
+}
+
 // The answers of one kind of read by key, kept until the transaction writes one
 // of the tables the read depends on (as the connection's update hook counts
 // them). An answer handed out stays where it is until the transaction ends, also
@@ -224,6 +238,7 @@ class ReadMemo {
         // storage, so that the answer is read without allocating.
         auto node = std::move(spare_.back());
         spare_.pop_back();
+        spareBytes_ -= answerBytes(node.mapped().value);
         node.key() = key;
         fill(node.mapped().value);
         return values_.insert(std::move(node)).position->second.value;
@@ -258,7 +273,9 @@ class ReadMemo {
     }
 
     // Forgets everything; only between transactions. Up to kSpareNodes of the
-    // answers' nodes are kept for the next transactions to read into.
+    // answers' nodes are kept for the next transactions to read into, none
+    // holding more than kLargestSpareAnswer of long texts and lists, and all of
+    // them no more than kSpareAnswerBytes.
     void clear() noexcept {
         recycle(values_);
         for (auto& retired : retired_) {
@@ -274,6 +291,8 @@ class ReadMemo {
     };
     using Values = std::map<Key, Entry, MemoKeyLess>;
     static constexpr std::size_t kSpareNodes = 1024;
+    static constexpr std::size_t kSpareAnswerBytes = 4 * 1024 * 1024;
+    static constexpr std::size_t kLargestSpareAnswer = 64 * 1024;
 
     void recycle(Values& values) noexcept {
         if (values.empty()) {
@@ -288,7 +307,12 @@ class ReadMemo {
             }
         }
         while (!values.empty() && spare_.size() < kSpareNodes) {
-            spare_.push_back(values.extract(values.begin()));
+            auto node = values.extract(values.begin());
+            const std::size_t bytes = answerBytes(node.mapped().value);
+            if (bytes <= kLargestSpareAnswer && spareBytes_ + bytes <= kSpareAnswerBytes) {
+                spareBytes_ += bytes;
+                spare_.push_back(std::move(node));
+            }
         }
         values.clear();
     }
@@ -304,6 +328,7 @@ class ReadMemo {
     std::vector<std::unique_ptr<Value>> kept_;
     // Nodes of earlier transactions, with the storage of their keys and answers.
     std::vector<typename Values::node_type> spare_;
+    std::size_t spareBytes_ = 0;  // answerBytes of spare_
 };
 
 // What one operation has already read, so that it reads each row once: absorption
