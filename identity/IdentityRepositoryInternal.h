@@ -224,22 +224,21 @@ class ReadMemo {
         if (const Value* known = find(db, key)) {
             return *known;
         }
+        // The answer is read into a node of its own and filed only when it is
+        // complete: a read that asks this memo for other keys, or that fails,
+        // leaves the table as it would be without it.
+        typename Values::node_type node;
         if (spare_.empty()) {
-            const auto it = values_.try_emplace(key).first;
-            try {
-                fill(it->second.value);
-            } catch (...) {
-                values_.erase(it);
-                throw;
-            }
-            return it->second.value;
+            Values fresh;
+            node = fresh.extract(fresh.try_emplace(key).first);
+        } else {
+            // A node of an earlier transaction: its key and strings keep their
+            // storage, so that the answer is read without allocating.
+            node = std::move(spare_.back());
+            spare_.pop_back();
+            spareBytes_ -= answerBytes(node.mapped().value);
+            node.key() = key;
         }
-        // A node of an earlier transaction: its key and strings keep their
-        // storage, so that the answer is read without allocating.
-        auto node = std::move(spare_.back());
-        spare_.pop_back();
-        spareBytes_ -= answerBytes(node.mapped().value);
-        node.key() = key;
         fill(node.mapped().value);
         return values_.insert(std::move(node)).position->second.value;
     }

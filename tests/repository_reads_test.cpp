@@ -432,6 +432,18 @@ TEST_P(RepositoryReads, UnknownStoredEnumerationsFailTheRead) {
     db_.addMembership("m-2", "si-2", "p", "confirmed", std::nullopt, "robot");
     expectCorrupt([&] { (void)repository_.activeMemberships("p"); });
     expectCorrupt([&] { (void)repository_.activeMembership("si-2"); });
+    // The memo keeps nothing of a read that failed: asked again, it fails again,
+    // also once it has nodes of an earlier transaction to read into.
+    for (int transaction = 0; transaction < 2; ++transaction) {
+        db_.pool().write([&](store::Connection& c) {
+            EXPECT_TRUE(core_.activeMembershipRow("si", c) == std::nullopt);
+            for (int i = 0; i < 2; ++i) {
+                expectCorrupt([&] { (void)core_.activeMembershipRow("si-2", c); });
+                expectCorrupt([&] { (void)core_.activeMembershipRows("p", c); });
+            }
+            return 0;
+        });
+    }
 
     db_.exec(
         "INSERT INTO merge_event (id, surviving_person_id, pre_merge_state_json, decided_by, "
