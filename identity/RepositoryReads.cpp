@@ -131,10 +131,6 @@ const store::ColumnSet kMergedIntoColumn{"merged_into_person_id"};
 const store::ColumnSet kConstraintColumns{"id",   "a_type",     "a_id",       "b_type",    "b_id",
                                           "kind", "decided_by", "created_at", "revoked_at"};
 
-}  // namespace
-
-namespace {
-
 // The memo's decoders: each overwrites every field of the record it is given,
 // which may hold a row read before, so that its strings keep their storage. The
 // decoders below build new records instead, which costs less than overwriting
