@@ -2,6 +2,7 @@
 // persons. The query is always matched as a literal substring.
 #include <algorithm>
 #include <iterator>
+#include <memory_resource>
 
 #include "identity/IdentityRepositoryInternal.h"
 
@@ -133,6 +134,34 @@ SearchInputs normalised(const std::string& query, std::int64_t limit,
     return inputs;
 }
 
+// The rows of a result, collected first in a buffer on the stack; `take()` moves
+// them into the result's own array, allocated exactly once, after every string
+// of its records. A caller that reads again frees its previous result first, and
+// the allocator hands those freed strings straight back to the new records. Were
+// the array requested first, its size would have the allocator merge all of them
+// into larger free blocks and split those again, string by string.
+template <typename Record>
+class StagedRows {
+  public:
+    explicit StagedRows(std::int64_t limit) {
+        rows_.reserve(
+            std::min(static_cast<std::size_t>(std::max<std::int64_t>(limit, 0)), kStaged));
+    }
+    StagedRows(const StagedRows&) = delete;
+    StagedRows& operator=(const StagedRows&) = delete;
+
+    [[nodiscard]] std::pmr::vector<Record>& rows() noexcept { return rows_; }
+    [[nodiscard]] std::vector<Record> take() {
+        return {std::make_move_iterator(rows_.begin()), std::make_move_iterator(rows_.end())};
+    }
+
+  private:
+    static constexpr std::size_t kStaged = 32;
+    alignas(Record) std::byte buffer_[kStaged * sizeof(Record)];
+    std::pmr::monotonic_buffer_resource arena_{buffer_, sizeof(buffer_)};
+    std::pmr::vector<Record> rows_{&arena_};
+};
+
 }  // namespace
 
 std::string RepositoryCore::escapedLikePattern(std::string_view text) {
@@ -174,8 +203,8 @@ std::vector<SourceIdentityRow> RepositoryCore::searchSourceIdentities(
     // (LIMIT -1) and reading stops once the result is full.
     params.add(inputs.literal ? std::int64_t{-1} : inputs.limit);
 
-    std::vector<SourceIdentityRow> rows;
-    rows.reserve(reservedRows(inputs.limit));
+    StagedRows<SourceIdentityRow> staged(inputs.limit);
+    auto& rows = staged.rows();
     const auto limitCount = static_cast<std::uint64_t>(inputs.limit);
     db.queryWhile(sql, params, [&](const store::Row& row) {
         const auto& identity = rows.emplace_back(DecodedInPlace{row, decodeSourceIdentity});
@@ -186,7 +215,7 @@ std::vector<SourceIdentityRow> RepositoryCore::searchSourceIdentities(
         }
         return rows.size() < limitCount;
     });
-    return rows;
+    return staged.take();
 }
 
 std::vector<LinkablePersonRow> RepositoryCore::searchUserStatedPeople(

@@ -71,6 +71,38 @@ TEST(Search, IdentitiesAreOrderedLimitedAndFiltered) {
     EXPECT_EQ(s.identities("", 50, {"i2", "i4"}), (Strings{"i2", "i4", "i0"}));
 }
 
+// Results longer than the rows gathered on the stack, read twice over so that
+// the second search reuses what the first one freed: every record arrives whole
+// and in order.
+TEST(Search, LongResultsArriveWhole) {
+    Store s;
+    Strings all;
+    for (int i = 0; i < 90; ++i) {
+        const std::string n = (i < 10 ? "0" : "") + std::to_string(i);
+        const std::string id = "identity-with-a-long-id-" + n;
+        s.db.addIdentity(id, "gmail", "someone-" + n + "@long-handles.example",
+                         i % 3 == 0 ? std::optional<std::string>{} : "Ann Person Number " + n);
+        all.push_back(id);
+    }
+    // Named rows first, by name; then the unnamed ones, by handle.
+    Strings named;
+    Strings unnamed;
+    for (const auto& id : all) {
+        (std::stoi(id.substr(id.size() - 2)) % 3 == 0 ? unnamed : named).push_back(id);
+    }
+    Strings ordered = named;
+    ordered.insert(ordered.end(), unnamed.begin(), unnamed.end());
+    const Strings firstFifty(ordered.begin(), ordered.begin() + 50);
+    for (int round = 0; round < 2; ++round) {
+        const auto rows = s.repo.searchSourceIdentities("", 100, {});
+        ASSERT_EQ(ids(rows), ordered);
+        for (const auto& row : rows) {
+            EXPECT_EQ(row, s.repo.sourceIdentity(row.id));
+        }
+        EXPECT_EQ(s.identities("PERSON", 50), firstFifty);
+    }
+}
+
 TEST(Search, PeopleAreUserStatedEligibleAndNotDifferentFromTheChosen) {
     Store s;
     s.addStatedPerson("owner", "Aaron");
