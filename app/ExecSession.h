@@ -58,7 +58,6 @@ class ExecSession {
         std::vector<identity::IdentityCorrectionWitness::Event> events;
     };
 
-    [[nodiscard]] Json respond(const Json& id, std::string_view line);
     [[nodiscard]] std::vector<identity::IdentityCorrectionWitness::Event> takeWitness();
 
     std::shared_ptr<WitnessLog> witness_;
