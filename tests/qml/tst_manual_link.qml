@@ -124,6 +124,46 @@ Item {
             verify(confirm.enabled);
         }
 
+        // What a script or an accessibility client does: set the field's text, call
+        // clicked() on the switch or set it.
+        function test_elementsAnswerTheirOwnInterface() {
+            const view = openView("p-zed", "Zed Park");
+            const search = element(view, "search");
+            const everyone = view.controller.manualSearchResults.length;
+            search.text = "dana";
+            compare(view.query, "dana");
+            tryVerify(() => view.controller.manualSearchResults.length === 1, 20000);
+            compare(view.controller.manualSearchResults[0].id, "si-dana-mail");
+            view.query = "";
+            compare(search.text, "");
+            tryVerify(() => view.controller.manualSearchResults.length === everyone, 20000);
+
+            click(row(view, "si-zed-msg"));
+            click(personRow(view, "Robin Park"));
+            const confirm = element(view, "manual-confirm");
+            const acknowledge = element(view, "manual-warning.acknowledge");
+            verify(!confirm.enabled);
+            acknowledge.clicked();
+            verify(acknowledge.checked);
+            verify(confirm.enabled);
+            acknowledge.clicked();
+            verify(!view.acknowledgeUnsupportedSelection);
+            acknowledge.checked = true;
+            verify(confirm.enabled);
+            // A real click after all that still flips it once.
+            click(acknowledge);
+            verify(!view.acknowledgeUnsupportedSelection);
+            verify(!acknowledge.checked);
+
+            // Clearing the selection drops the acknowledgement, also on the switch.
+            acknowledge.toggle();
+            verify(view.acknowledgeUnsupportedSelection);
+            click(row(view, "si-zed-msg"));
+            click(personRow(view, "Robin Park"));
+            compare(view.selection, []);
+            verify(!acknowledge.checked);
+        }
+
         function test_previewNamesThePredictedSurvivor() {
             const view = openView("", null);
             const preview = element(view, "manual-preview");

@@ -157,12 +157,26 @@ Pane {
         }
 
         TextField {
+            id: searchField
             objectName: "orvik.identity-corrections.search"
             placeholderText: "Search"
-            text: view.query
             selectByMouse: true
             Layout.fillWidth: true
-            onTextEdited: view.query = text
+            // The field and the query follow each other by assignment rather than
+            // by a binding, which a script setting the field's text would end:
+            // typed, pasted or set from outside, the text is the query.
+            Component.onCompleted: text = view.query
+            onTextChanged: {
+                if (text !== view.query)
+                    view.query = text;
+            }
+            Connections {
+                target: view
+                function onQueryChanged() {
+                    if (searchField.text !== view.query)
+                        searchField.text = view.query;
+                }
+            }
         }
 
         RowLayout {
@@ -436,12 +450,33 @@ Pane {
                 Layout.fillWidth: true
             }
             Switch {
+                id: acknowledge
+
+                // Set by the toggle that comes before a click's clicked(); a
+                // clicked() on its own (from a script or an accessibility client)
+                // flips the switch itself.
+                property bool toggledByClick: false
+
                 objectName: "orvik.identity-corrections.manual-warning.acknowledge"
                 text: "I understand"
-                checked: view.acknowledgeUnsupportedSelection
-                onToggled: view.acknowledgeUnsupportedSelection = checked
-                Keys.onReturnPressed: { toggle(); toggled(); }
-                Keys.onEnterPressed: { toggle(); toggled(); }
+                // Followed by assignment, as the search field is, so that a
+                // script may set checked as well.
+                Component.onCompleted: checked = view.acknowledgeUnsupportedSelection
+                onCheckedChanged: view.acknowledgeUnsupportedSelection = checked
+                onToggled: toggledByClick = true
+                onClicked: {
+                    if (!toggledByClick)
+                        checked = !checked;
+                    toggledByClick = false;
+                }
+                Keys.onReturnPressed: toggle()
+                Keys.onEnterPressed: toggle()
+                Connections {
+                    target: view
+                    function onAcknowledgeUnsupportedSelectionChanged() {
+                        acknowledge.checked = view.acknowledgeUnsupportedSelection;
+                    }
+                }
             }
         }
 
