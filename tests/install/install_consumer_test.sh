@@ -24,6 +24,15 @@ if find "$prefix/include" -name '*Internal.h' | grep -q .; then
     fail "internal headers were installed: $(find "$prefix/include" -name '*Internal.h')"
 fi
 
+# The QML module sits under <prefix>/lib/qml, and its plugin finds the installed
+# backing library.
+qmldir=$prefix/lib/qml/Orvik/Identity
+[[ -f $qmldir/qmldir ]] || fail "the QML module is not under $prefix/lib/qml"
+plugin=$(find "$qmldir" -name '*.so' | head -1)
+[[ -n $plugin ]] || fail "the QML plugin was not installed"
+ui=$(env -u LD_LIBRARY_PATH ldd "$plugin" | awk '/liborvik_identity_ui/ {print $3}')
+[[ $ui == "$prefix"/* ]] || fail "the QML plugin does not find the installed backing library (${ui:-none})"
+
 # Each public header compiles on its own with the flags the package gives: it
 # includes nothing that was left behind.
 pcdir=$(dirname "$(find "$prefix" -name orvik-identity.pc | head -1)")
