@@ -16,6 +16,12 @@ Item {
         }
     }
 
+    Component {
+        id: cardComponent
+
+        IdentityCorrectionCard {}
+    }
+
     StoreHarness {
         id: t
 
@@ -42,6 +48,25 @@ Item {
             cards.forEach(entry => verify(entry.card !== null, "no card for " + entry.id));
             cards.sort((a, b) => a.card.mapToItem(pane, 0, 0).y - b.card.mapToItem(pane, 0, 0).y);
             return cards.map(entry => entry.id);
+        }
+
+        // A card needs only its candidate to ask its question; the provider names
+        // matter only to a label built from one.
+        function test_aCardAsksWithOrWithoutProviderNames() {
+            const identity = (id, sourceType, handle, displayName) => ({
+                "id": id, "sourceType": sourceType, "handleNormalized": handle, "displayName": displayName,
+                "firstSeenAt": "2026-01-01T00:00:00Z", "lastSeenAt": "2026-01-01T00:00:00Z",
+                "createdAt": "2026-01-01T00:00:00Z"});
+            const candidate = {
+                "id": "a|b", "sourceIdentityA": identity("a", "gmail", "dana@example.com", "Dana Lee"),
+                "sourceIdentityB": identity("b", "imessage", "dana@example.com", null),
+                "existingPersonID": null, "score": 0.9, "because": "exact handle match"};
+            const card = createTemporaryObject(cardComponent, root, {"candidate": candidate});
+            compare(card.question, "Dana Lee = dana@example.com?");
+            card.providerDisplayName = providerName;
+            compare(card.question, "Dana Lee = dana@example.com?");
+            card.candidate = null;
+            compare(card.question, "");
         }
 
         function test_confirmedCardLeavesAndUndoPutsItBackLast() {

@@ -17,7 +17,9 @@ Control {
 
     // The pair as a question: "A = B?", or "Also A?" when both sides read the same.
     readonly property string question: {
-        if (!card.candidate || !card.providerDisplayName)
+        // Without providerDisplayName a label that needs a provider name uses the
+        // source type.
+        if (!card.candidate)
             return "";
         const a = card.candidate.sourceIdentityA;
         const b = card.candidate.sourceIdentityB;
