@@ -137,15 +137,15 @@ SearchInputs normalised(const std::string& query, std::int64_t limit,
 // The rows of a result, collected first in a buffer on the stack; `take()` moves
 // them into the result's own array, allocated exactly once, after every string
 // of its records. A caller that reads again frees its previous result first, and
-// the allocator hands those freed strings straight back to the new records. Were
-// the array requested first, its size would have the allocator merge all of them
-// into larger free blocks and split those again, string by string.
+// the allocator can hand those freed strings straight back to the new records.
+// Were the array requested first, its size would have the allocator merge all of
+// them into larger free blocks and split those again, string by string. (glibc
+// merges them anyway when the freed array leaves a large free block behind.)
 template <typename Record>
 class StagedRows {
   public:
     explicit StagedRows(std::int64_t limit) {
-        rows_.reserve(
-            std::min(static_cast<std::size_t>(std::max<std::int64_t>(limit, 0)), kStaged));
+        rows_.reserve(std::min(reservedRows(limit), kStaged));
     }
     StagedRows(const StagedRows&) = delete;
     StagedRows& operator=(const StagedRows&) = delete;

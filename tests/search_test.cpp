@@ -76,19 +76,16 @@ TEST(Search, IdentitiesAreOrderedLimitedAndFiltered) {
 // and in order.
 TEST(Search, LongResultsArriveWhole) {
     Store s;
-    Strings all;
+    // Named rows come first, by name; then the unnamed ones, by handle.
+    Strings named;
+    Strings unnamed;
     for (int i = 0; i < 90; ++i) {
         const std::string n = (i < 10 ? "0" : "") + std::to_string(i);
         const std::string id = "identity-with-a-long-id-" + n;
+        const bool hasName = i % 3 != 0;
         s.db.addIdentity(id, "gmail", "someone-" + n + "@long-handles.example",
-                         i % 3 == 0 ? std::optional<std::string>{} : "Ann Person Number " + n);
-        all.push_back(id);
-    }
-    // Named rows first, by name; then the unnamed ones, by handle.
-    Strings named;
-    Strings unnamed;
-    for (const auto& id : all) {
-        (std::stoi(id.substr(id.size() - 2)) % 3 == 0 ? unnamed : named).push_back(id);
+                         hasName ? "Ann Person Number " + n : std::optional<std::string>{});
+        (hasName ? named : unnamed).push_back(id);
     }
     Strings ordered = named;
     ordered.insert(ordered.end(), unnamed.begin(), unnamed.end());
