@@ -57,7 +57,12 @@ def measure(binary, out, args):
     run([binary, "--benchmark_format=console", "--benchmark_out_format=json",
          "--benchmark_out=" + out] + args, stdout=sys.stderr)
     with open(out) as f:
-        return json.load(f)
+        text = f.read()
+    if not text.strip():
+        # Google Benchmark leaves the report empty when the filter matched nothing.
+        sys.exit(f"{os.path.basename(binary)} ran no benchmark; the operations are named "
+                 f"as in the table without their parentheses, e.g. --filter 'linkIdentity|undoMerge_link'")
+    return json.loads(text)
 
 
 def collect(reports):
