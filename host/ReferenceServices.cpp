@@ -1,4 +1,9 @@
-#include <openssl/evp.h>
+// SHA-256's own functions, deprecated in OpenSSL 3 in favour of EVP, hash an
+// identifier's few bytes without EVP's provider dispatch, which took three times
+// the instructions of the hashing itself and as much code again to run.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include <openssl/sha.h>
 #include <pthread.h>
 #include <sys/random.h>
 #include <uuid/uuid.h>
@@ -16,29 +21,17 @@
 namespace orvik::host {
 
 std::string stableIDOf(const std::vector<std::string_view>& parts) {
-    std::string joined;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
+    // The parts joined by the unit separator, hashed as they come.
+    SHA256_CTX context;
+    bool hashed = SHA256_Init(&context) == 1;
+    for (std::size_t i = 0; hashed && i < parts.size(); ++i) {
         if (i > 0) {
-            joined.push_back('\x1f');
+            hashed = SHA256_Update(&context, "\x1f", 1) == 1;
         }
-        joined.append(parts[i]);
+        hashed = hashed && SHA256_Update(&context, parts[i].data(), parts[i].size()) == 1;
     }
-
-    // Fetched once: EVP_sha256() makes OpenSSL look the implementation up again on
-    // every digest, which costs several times the hashing of an identifier. The
-    // digest context is kept per thread instead of being made and freed per call.
-    static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    struct ContextDeleter {
-        void operator()(EVP_MD_CTX* ctx) const noexcept { EVP_MD_CTX_free(ctx); }
-    };
-    thread_local const std::unique_ptr<EVP_MD_CTX, ContextDeleter> context(EVP_MD_CTX_new());
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned int digestLength = 0;
-    if (context == nullptr ||
-        EVP_DigestInit_ex2(context.get(), sha256 != nullptr ? sha256 : EVP_sha256(), nullptr) !=
-            1 ||
-        EVP_DigestUpdate(context.get(), joined.data(), joined.size()) != 1 ||
-        EVP_DigestFinal_ex(context.get(), digest.data(), &digestLength) != 1) {
+    std::array<unsigned char, SHA256_DIGEST_LENGTH> digest{};
+    if (!hashed || SHA256_Final(digest.data(), &context) != 1) {
         throw std::runtime_error("SHA-256 digest failed");
     }
 
