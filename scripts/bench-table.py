@@ -41,6 +41,7 @@ LABELS = {
     "exactKeyCandidates": "exactKeyCandidates(50)",
     "confirmCandidate": "confirmCandidate (merge)",
     "undoMerge_link": "undoMerge (of a link)",
+    "searchSourceIdentities_records": "searchSourceIdentities: its records alone",
     "undoMerge": "undoMerge (of a merge)",
     "confirmManualLink": "confirmManualLink (two identities)",
     "confirmManualLinkTargets": "confirmManualLink (identity and person)",
