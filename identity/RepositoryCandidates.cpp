@@ -59,60 +59,98 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
         pairs.emplace_back(row.text(0), row.text(1));  // a_id, b_id
     });
 
+    // The rows are filtered a batch at a time, one test over the whole batch
+    // before the next: each statement then runs many times in a row, and the
+    // code that serves it stays in the processor's caches. A batch is never
+    // longer than the candidates still wanted, since each pair gives at most
+    // one, so this reads exactly the rows that testing pair after pair would.
+    struct Pending {
+        const std::string* aID;
+        const std::string* bID;
+        const SourceIdentityRow* a = nullptr;
+        const SourceIdentityRow* b = nullptr;
+        const IdentityMembershipRow* memA = nullptr;
+        const IdentityMembershipRow* memB = nullptr;
+        bool live = true;
+    };
+    std::vector<Pending> batch;
+    batch.reserve(reservedRows(limit));
+    const auto sweep = [&batch](auto&& keep) {
+        for (auto& pending : batch) {
+            if (pending.live && !keep(pending)) {
+                pending.live = false;
+            }
+        }
+    };
+    const auto rowPointer = [](const auto& optional) { return optional ? &*optional : nullptr; };
+
     std::vector<IdentityCandidate> result;
     result.reserve(reservedRows(limit));
     PersonDifferenceIndex personDifferences(*this, db);
-    for (const auto& [aID, bID] : pairs) {
-        if (static_cast<std::int64_t>(result.size()) >= limit) {
-            break;
+    auto next = pairs.begin();
+    while (next != pairs.end() && static_cast<std::int64_t>(result.size()) < limit) {
+        const auto wanted =
+            static_cast<std::size_t>(limit - static_cast<std::int64_t>(result.size()));
+        batch.clear();
+        for (; next != pairs.end() && batch.size() < wanted; ++next) {
+            batch.push_back(Pending{.aID = &next->first, .bID = &next->second});
         }
-        const auto& a = sourceIdentityRow(aID, db);
-        if (!a) {
-            continue;
-        }
-        const auto& b = sourceIdentityRow(bID, db);
-        if (!b) {
-            continue;
-        }
-        if (isOwnerIdentity(a->sourceType, a->handleNormalized, db) ||
-            isOwnerIdentity(b->sourceType, b->handleNormalized, db)) {
-            continue;
-        }
-        const auto& memA = activeMembershipRow(a->id, db);
-        const auto& memB = activeMembershipRow(b->id, db);
-        if (memA && memB && memA->canonicalPersonID == memB->canonicalPersonID) {
-            continue;
-        }
-        if (hasDifferentConstraint(ConstraintSubjectType::identity, a->id,
-                                   ConstraintSubjectType::identity, b->id, db)) {
-            continue;
-        }
-        if (memA && memB &&
-            personDifferences.differ(memA->canonicalPersonID, memB->canonicalPersonID)) {
-            continue;
-        }
-        const IdentityFeatures features{
-            .exactHandleMatch = true,
-            .sharedThreadCount = sharedThreadCount(a->id, b->id, db),
-            .nameSimilarity = std::nullopt,
-        };
-        const double score = IdentityScoring::score(features);
-        if (IdentityScoring::decide(score) != IdentityScoreDecision::worthSurfacing) {
-            continue;
-        }
-        std::optional<std::string> existingPersonID;
-        if (memA) {
-            existingPersonID = memA->canonicalPersonID;
-        } else if (memB) {
-            existingPersonID = memB->canonicalPersonID;
-        }
-        result.push_back(IdentityCandidate{
-            .sourceIdentityA = *a,
-            .sourceIdentityB = *b,
-            .existingPersonID = std::move(existingPersonID),
-            .score = score,
-            .because = IdentityScoring::because(features),
+        sweep([&](Pending& p) {
+            return (p.a = rowPointer(sourceIdentityRow(*p.aID, db))) != nullptr;
         });
+        sweep([&](Pending& p) {
+            return (p.b = rowPointer(sourceIdentityRow(*p.bID, db))) != nullptr;
+        });
+        sweep([&](Pending& p) {
+            return !isOwnerIdentity(p.a->sourceType, p.a->handleNormalized, db);
+        });
+        sweep([&](Pending& p) {
+            return !isOwnerIdentity(p.b->sourceType, p.b->handleNormalized, db);
+        });
+        sweep([&](Pending& p) {
+            p.memA = rowPointer(activeMembershipRow(p.a->id, db));
+            return true;
+        });
+        sweep([&](Pending& p) {
+            p.memB = rowPointer(activeMembershipRow(p.b->id, db));
+            return !(p.memA && p.memB && p.memA->canonicalPersonID == p.memB->canonicalPersonID);
+        });
+        sweep([&](Pending& p) {
+            return !hasDifferentConstraint(ConstraintSubjectType::identity, p.a->id,
+                                           ConstraintSubjectType::identity, p.b->id, db);
+        });
+        sweep([&](Pending& p) {
+            return !(
+                p.memA && p.memB &&
+                personDifferences.differ(p.memA->canonicalPersonID, p.memB->canonicalPersonID));
+        });
+        for (const auto& p : batch) {
+            if (!p.live) {
+                continue;
+            }
+            const IdentityFeatures features{
+                .exactHandleMatch = true,
+                .sharedThreadCount = sharedThreadCount(p.a->id, p.b->id, db),
+                .nameSimilarity = std::nullopt,
+            };
+            const double score = IdentityScoring::score(features);
+            if (IdentityScoring::decide(score) != IdentityScoreDecision::worthSurfacing) {
+                continue;
+            }
+            std::optional<std::string> existingPersonID;
+            if (p.memA) {
+                existingPersonID = p.memA->canonicalPersonID;
+            } else if (p.memB) {
+                existingPersonID = p.memB->canonicalPersonID;
+            }
+            result.push_back(IdentityCandidate{
+                .sourceIdentityA = *p.a,
+                .sourceIdentityB = *p.b,
+                .existingPersonID = std::move(existingPersonID),
+                .score = score,
+                .because = IdentityScoring::because(features),
+            });
+        }
     }
     return result;
 }

@@ -1,14 +1,41 @@
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
 
 #include "identity/IdentityRepository.h"
+#include "store/Database.h"
 #include "tests/support/TestSupport.h"
 
 namespace orvik::identity {
 namespace {
 
 using Ids = std::vector<std::string>;
+
+// The identifiers the identity statement is run with while it is alive.
+class IdentityReads {
+  public:
+    IdentityReads() {
+        ids().clear();
+        store::setStatementObserver([](const std::string& sql, const store::Params& params) {
+            if (sql == "SELECT * FROM source_identity WHERE id = ?") {
+                params.values()[0].visit([](const auto& value) {
+                    if constexpr (std::is_same_v<std::decay_t<decltype(value)>, std::string_view>) {
+                        ids().emplace(value);
+                    }
+                });
+            }
+        });
+    }
+    ~IdentityReads() { store::setStatementObserver(nullptr); }
+    IdentityReads(const IdentityReads&) = delete;
+    IdentityReads& operator=(const IdentityReads&) = delete;
+
+    static std::set<std::string>& ids() {
+        static std::set<std::string> read;
+        return read;
+    }
+};
 
 class FailingEligibility final : public host::SourceIdentityPresentationEligibility {
   public:
@@ -111,6 +138,20 @@ TEST_F(ExactKeyCandidates, LimitIsAppliedAfterFilteringWithinTheOverFetchedRows)
         eligibility->presentationPredicateSQL("a.id", "a.source_type", std::nullopt) + "\n  AND " +
         eligibility->presentationPredicateSQL("b.id", "b.source_type", std::nullopt));
     ASSERT_EQ(rowOrder.size(), 60u);
+
+    // Every pair passes: a limit of 2 reads the identities of the first two rows
+    // and of no row after them.
+    {
+        const IdentityReads reads;
+        EXPECT_EQ(candidateIDs(2), (Ids{rowOrder[0], rowOrder[1]}));
+        std::set<std::string> expected;
+        for (const auto& row : {rowOrder[0], rowOrder[1]}) {
+            const auto bar = row.find('|');
+            expected.insert(row.substr(0, bar));
+            expected.insert(row.substr(bar + 1));
+        }
+        EXPECT_EQ(IdentityReads::ids(), expected);
+    }
 
     // Only the 20th and 21st rows survive the filters: a limit of 5 reads 20 rows.
     for (std::size_t i = 0; i < rowOrder.size(); ++i) {
