@@ -161,7 +161,10 @@ using PersonPairIndex = TextMap<std::pmr::vector<std::string_view>>;
 // number, and only then byte by byte. Identifiers of one length nearly always
 // differ in their first eight bytes, so a lookup in a tree of hundreds of them
 // rarely compares memory.
+// Transparent: a pair of views finds a pair of texts without copying them.
 struct MemoKeyLess {
+    using is_transparent = void;
+
     static int compare(std::string_view a, std::string_view b) noexcept {
         if (a.size() != b.size()) {
             return a.size() < b.size() ? -1 : 1;
@@ -177,11 +180,11 @@ struct MemoKeyLess {
         }
         return a.compare(b);
     }
-    bool operator()(const std::string& a, const std::string& b) const noexcept {
+    bool operator()(std::string_view a, std::string_view b) const noexcept {
         return compare(a, b) < 0;
     }
-    bool operator()(const std::pair<std::string, std::string>& a,
-                    const std::pair<std::string, std::string>& b) const noexcept {
+    template <typename A1, typename A2, typename B1, typename B2>
+    bool operator()(const std::pair<A1, A2>& a, const std::pair<B1, B2>& b) const noexcept {
         const int first = compare(a.first, b.first);
         return first != 0 ? first < 0 : compare(a.second, b.second) < 0;
     }
@@ -219,8 +222,9 @@ class ReadMemo {
 
     // The answer for key; on a miss, fill(Value&) reads it into a value that
     // may hold an answer of an earlier transaction, and must overwrite all of it.
-    template <typename Fill>
-    const Value& getInto(store::Connection& db, const Key& key, Fill&& fill) {
+    // key is a Key or what MemoKeyLess compares with one, such as a pair of views.
+    template <typename Lookup, typename Fill>
+    const Value& getInto(store::Connection& db, const Lookup& key, Fill&& fill) {
         if (const Value* known = find(db, key)) {
             return *known;
         }
@@ -230,7 +234,7 @@ class ReadMemo {
         typename Values::node_type node;
         if (spare_.empty()) {
             Values fresh;
-            node = fresh.extract(fresh.try_emplace(key).first);
+            node = fresh.extract(fresh.try_emplace(Key(key)).first);
         } else {
             // A node of an earlier transaction: its key and strings keep their
             // storage, so that the answer is read without allocating.
@@ -250,7 +254,8 @@ class ReadMemo {
     }
 
     // The answer already read for the key, if any.
-    const Value* find(store::Connection& db, const Key& key) {
+    template <typename Lookup>
+    const Value* find(store::Connection& db, const Lookup& key) {
         bool stale = false;
         if (const auto rows = db.rowChanges(); rows != rowsSeen_) {
             rowsSeen_ = rows;
@@ -487,9 +492,9 @@ struct OperationMemo {
 // outside one, `fill` runs every time. fill(Value&) reads the answer into the
 // value given, overwriting whatever it held. The answer stays valid until the
 // transaction ends (outside one, until the connection's next transaction).
-template <typename Key, typename Value, typename Fill>
+template <typename Key, typename Value, typename Lookup, typename Fill>
 const Value& memoisedReadInto(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*which,
-                              const Key& key, Fill&& fill) {
+                              const Lookup& key, Fill&& fill) {
     if (OperationMemo* memo = OperationMemo::of(db)) {
         return (memo->*which).getInto(db, key, std::forward<Fill>(fill));
     }
@@ -499,9 +504,9 @@ const Value& memoisedReadInto(store::Connection& db, ReadMemo<Key, Value> Operat
 }
 
 // The same with read() returning the answer.
-template <typename Key, typename Value, typename Read>
+template <typename Key, typename Value, typename Lookup, typename Read>
 const Value& memoisedRead(store::Connection& db, ReadMemo<Key, Value> OperationMemo::*which,
-                          const Key& key, Read&& read) {
+                          const Lookup& key, Read&& read) {
     return memoisedReadInto(db, which, key, [&](Value& value) { value = read(); });
 }
 

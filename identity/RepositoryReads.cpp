@@ -409,7 +409,8 @@ const std::string& RepositoryCore::ownerPersonID(store::Connection& db) {
 
 bool RepositoryCore::isOwnerIdentity(const std::string& sourceType,
                                      const std::string& handleNormalized, store::Connection& db) {
-    return memoisedRead(db, &OperationMemo::ownerIdentities, {sourceType, handleNormalized}, [&] {
+    const std::pair<std::string_view, std::string_view> key(sourceType, handleNormalized);
+    return memoisedRead(db, &OperationMemo::ownerIdentities, key, [&] {
         if (services_.ownerAliases->isAlias(db, sourceType, handleNormalized)) {
             return true;
         }
