@@ -42,6 +42,7 @@ LABELS = {
     "confirmCandidate": "confirmCandidate (merge)",
     "undoMerge_link": "undoMerge (of a link)",
     "searchSourceIdentities_records": "searchSourceIdentities: its records alone",
+    "exactKeyCandidates_records": "exactKeyCandidates(50): its records alone",
     "undoMerge": "undoMerge (of a merge)",
     "confirmManualLink": "confirmManualLink (two identities)",
     "confirmManualLinkTargets": "confirmManualLink (identity and person)",
