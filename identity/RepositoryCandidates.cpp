@@ -95,23 +95,18 @@ std::vector<IdentityCandidate> RepositoryCore::exactKeyCandidates(std::int64_t l
         for (; next != pairs.end() && batch.size() < wanted; ++next) {
             batch.push_back(Pending{.aID = &next->first, .bID = &next->second});
         }
+        // A and B of a pair go through the same statement, one after the other.
         sweep([&](Pending& p) {
-            return (p.a = rowPointer(sourceIdentityRow(*p.aID, db))) != nullptr;
+            p.a = rowPointer(sourceIdentityRow(*p.aID, db));
+            p.b = p.a ? rowPointer(sourceIdentityRow(*p.bID, db)) : nullptr;
+            return p.b != nullptr;
         });
         sweep([&](Pending& p) {
-            return (p.b = rowPointer(sourceIdentityRow(*p.bID, db))) != nullptr;
-        });
-        sweep([&](Pending& p) {
-            return !isOwnerIdentity(p.a->sourceType, p.a->handleNormalized, db);
-        });
-        sweep([&](Pending& p) {
-            return !isOwnerIdentity(p.b->sourceType, p.b->handleNormalized, db);
+            return !isOwnerIdentity(p.a->sourceType, p.a->handleNormalized, db) &&
+                   !isOwnerIdentity(p.b->sourceType, p.b->handleNormalized, db);
         });
         sweep([&](Pending& p) {
             p.memA = rowPointer(activeMembershipRow(p.a->id, db));
-            return true;
-        });
-        sweep([&](Pending& p) {
             p.memB = rowPointer(activeMembershipRow(p.b->id, db));
             return !(p.memA && p.memB && p.memA->canonicalPersonID == p.memB->canonicalPersonID);
         });
