@@ -3,6 +3,7 @@
 #include "identity/IdentityRepository.h"
 
 #include "identity/IdentityRepositoryInternal.h"
+#include "identity/RepositoryAnswerCache.h"
 
 #include <algorithm>
 #include <utility>
@@ -23,12 +24,37 @@ IdentityRepository::SerialQueue::Turn::~Turn() {
     queue_.turnChanged_.notify_all();
 }
 
+namespace internal {
+
+// The arguments of a search, as its answer is kept under.
+struct SearchKey {
+    std::string query;
+    std::int64_t limit = 0;
+    std::vector<std::string> excluding;
+
+    bool operator==(const SearchKey&) const = default;
+};
+
+struct KeptAnswers {
+    // Enough for a search typed and corrected letter by letter, and for the
+    // histories of the people one goes back and forth between.
+    AnswerCache<SearchKey, std::vector<SourceIdentityRow>> identitySearches{32};
+    AnswerCache<SearchKey, std::vector<LinkablePersonRow>> peopleSearches{32};
+    AnswerCache<std::int64_t, std::vector<IdentityCandidate>> exactKeyCandidates{4};
+    AnswerCache<std::string, std::vector<IdentityHistoryEntry>> histories{16};
+};
+
+}  // namespace internal
+
 IdentityRepository::IdentityRepository(std::shared_ptr<store::DatabasePool> sharedDatabasePool,
                                        IdentityCorrectionWitness::Sink witnessSink,
-                                       host::HostServices services)
+                                       host::HostServices services,
+                                       IdentityRepositoryOptions options)
     : pool_(std::move(sharedDatabasePool)),
       witnessSink_(std::move(witnessSink)),
-      core_(std::make_unique<internal::RepositoryCore>(std::move(services))) {}
+      core_(std::make_unique<internal::RepositoryCore>(std::move(services))),
+      options_(options),
+      kept_(std::make_unique<internal::KeptAnswers>()) {}
 
 IdentityRepository::~IdentityRepository() = default;
 
@@ -43,6 +69,15 @@ auto IdentityRepository::readCore(const Args&... args) {
     return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
         return (core.*Method)(args..., db);
     });
+}
+
+template <typename Cache, typename Key, typename Read>
+auto IdentityRepository::keptOr(store::Connection& db, Cache& cache, Key key, const Read& read) {
+    // A test's planned fault must meet the statements it counts on.
+    if (!options_.keepRepeatedAnswers || db.faultPlanned()) {
+        return read();
+    }
+    return cache.get(db.stamp(), std::move(key), read);
 }
 
 template <typename F>
@@ -343,20 +378,31 @@ std::vector<SourceIdentityRow> IdentityRepository::searchSourceIdentities(
     const std::string& query, std::int64_t limit,
     const std::vector<std::string>& excludingSourceIdentityIDs) {
     checkSearchBounds(query, excludingSourceIdentityIDs.size(), maxSearchIdentityExclusions);
-    return readCore<&internal::RepositoryCore::searchSourceIdentities>(query, limit,
-                                                                       excludingSourceIdentityIDs);
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return keptOr(db, kept_->identitySearches,
+                      internal::SearchKey{query, limit, excludingSourceIdentityIDs}, [&] {
+                          return core.searchSourceIdentities(query, limit,
+                                                             excludingSourceIdentityIDs, db);
+                      });
+    });
 }
 
 std::vector<LinkablePersonRow> IdentityRepository::searchUserStatedPeople(
     const std::string& query, std::int64_t limit,
     const std::vector<std::string>& excludingPersonIDs) {
     checkSearchBounds(query, excludingPersonIDs.size(), maxSearchPersonExclusions);
-    return readCore<&internal::RepositoryCore::searchUserStatedPeople>(query, limit,
-                                                                       excludingPersonIDs);
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return keptOr(
+            db, kept_->peopleSearches, internal::SearchKey{query, limit, excludingPersonIDs},
+            [&] { return core.searchUserStatedPeople(query, limit, excludingPersonIDs, db); });
+    });
 }
 
 std::vector<IdentityCandidate> IdentityRepository::exactKeyCandidates(std::int64_t limit) {
-    return readCore<&internal::RepositoryCore::exactKeyCandidates>(limit);
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return keptOr(db, kept_->exactKeyCandidates, limit,
+                      [&] { return core.exactKeyCandidates(limit, db); });
+    });
 }
 
 std::optional<IdentityCandidateContext> IdentityRepository::candidateContext(
@@ -365,7 +411,10 @@ std::optional<IdentityCandidateContext> IdentityRepository::candidateContext(
 }
 
 std::vector<IdentityHistoryEntry> IdentityRepository::identityHistory(const std::string& personID) {
-    return readCore<&internal::RepositoryCore::identityHistory>(personID);
+    return readOperation([&](internal::RepositoryCore& core, store::Connection& db) {
+        return keptOr(db, kept_->histories, personID,
+                      [&] { return core.identityHistory(personID, db); });
+    });
 }
 
 IdentityCorrectionCounts IdentityRepository::identityCorrectionsReadback() {
@@ -375,7 +424,9 @@ IdentityCorrectionCounts IdentityRepository::identityCorrectionsReadback() {
     // rather than raised; the count section's errors are raised.
     try {
         counts.exactKeyCandidatePairs = pool_->read([&](store::Connection& db) {
-            return static_cast<std::int64_t>(core_->exactKeyCandidates(50, db).size());
+            const auto candidates = keptOr(db, kept_->exactKeyCandidates, std::int64_t{50},
+                                           [&] { return core_->exactKeyCandidates(50, db); });
+            return static_cast<std::int64_t>(candidates.size());
         });
     } catch (...) {
         counts.exactKeyCandidatePairs.reset();

@@ -2,8 +2,12 @@
 // corrects identities.
 //
 // It is constructed over the application's database pool, a witness sink and the
-// host services, all fixed for its lifetime, and keeps no other state: every
-// answer comes from the database at the time of the call.
+// host services, all fixed for its lifetime. Every answer is the database's at the
+// time of the call. The larger reads the screens repeat (the two searches, the
+// exact-key scan, a person's history and the readback's candidate count) keep
+// their answers while the database stays unchanged: asked again with the same
+// arguments before anything, in this process or another, committed to the file,
+// they answer from memory (see IdentityRepositoryOptions).
 //
 // Operations are synchronous and safe to call from any thread. The repository
 // runs them one at a time, in the order of the calls. Each opens exactly one
@@ -41,14 +45,25 @@ namespace orvik::identity {
 
 namespace internal {
 class RepositoryCore;
-}
+struct KeptAnswers;
+}  // namespace internal
+
+struct IdentityRepositoryOptions {
+    // Keep the answers of the larger reads while the database does not change. A
+    // kept answer is only right while the host services answer from the database
+    // alone (as the connection they are given says they do): an application whose
+    // eligibility fragments, user's person or aliases change without a commit to
+    // the file turns this off.
+    bool keepRepeatedAnswers = true;
+};
 
 class IdentityRepository {
   public:
     IdentityRepository(
         std::shared_ptr<store::DatabasePool> sharedDatabasePool,
         IdentityCorrectionWitness::Sink witnessSink = &IdentityCorrectionWitness::unifiedLogSink,
-        host::HostServices services = host::HostServices::reference());
+        host::HostServices services = host::HostServices::reference(),
+        IdentityRepositoryOptions options = {});
     ~IdentityRepository();
     IdentityRepository(const IdentityRepository&) = delete;
     IdentityRepository& operator=(const IdentityRepository&) = delete;
@@ -197,6 +212,9 @@ class IdentityRepository {
     // Runs the core read Method(args..., connection) as a read operation.
     template <auto Method, typename... Args>
     auto readCore(const Args&... args);
+    // read(), or the answer kept for key in cache (see IdentityRepositoryOptions).
+    template <typename Cache, typename Key, typename Read>
+    auto keptOr(store::Connection& db, Cache& cache, Key key, const Read& read);
     // Runs fn(core, connection) in a write transaction; the caller holds its turn.
     template <typename F>
     auto writeOperation(F&& fn);
@@ -227,6 +245,9 @@ class IdentityRepository {
     std::shared_ptr<store::DatabasePool> pool_;
     IdentityCorrectionWitness::Sink witnessSink_;
     std::unique_ptr<internal::RepositoryCore> core_;
+    IdentityRepositoryOptions options_;
+    // Used only while holding a turn.
+    std::unique_ptr<internal::KeptAnswers> kept_;
     mutable SerialQueue queue_;
 };
 

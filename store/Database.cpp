@@ -465,7 +465,13 @@ class Connection::Lease {
     std::unique_ptr<Statement> owned_;
 };
 
-Connection::Connection(const std::filesystem::path& path, int openFlags, const char* vfs) {
+namespace {
+std::atomic<std::uint64_t> nextConnectionSerial{1};
+const std::string kDataVersion = "PRAGMA data_version";
+}  // namespace
+
+Connection::Connection(const std::filesystem::path& path, int openFlags, const char* vfs)
+    : serial_(nextConnectionSerial.fetch_add(1)) {
     configureSqliteOnce();
     const int rc = sqlite3_open_v2(path.c_str(), &db_, openFlags, vfs);
     if (rc != SQLITE_OK) {
@@ -526,6 +532,21 @@ void Connection::executeCached(const std::string& sql) {
     } reset{statement};
     while (statement.step()) {
     }
+}
+
+Connection::Stamp Connection::stamp() {
+    Statement& statement = cached(kDataVersion);
+    struct Reset {
+        Statement& statement;
+        ~Reset() { statement.reset(); }
+    } reset{statement};
+    if (!statement.step()) {
+        fail(SQLITE_ERROR, kDataVersion);
+    }
+    // The update hook sees the rows this connection changed through statements;
+    // sqlite3_total_changes also counts those a statement changed without it.
+    return Stamp{serial_, sqlite3_column_int64(statement.stmt_, 0),
+                 static_cast<std::int64_t>(rowChanges_) + sqlite3_total_changes(db_)};
 }
 
 Connection::~Connection() {

@@ -378,6 +378,24 @@ class Connection {
         return *static_cast<T*>(transactionMemo_.get());
     }
 
+    // Where this connection's database stands, read in the open transaction (whose
+    // snapshot it begins when it is the transaction's first statement). It moves
+    // when any other connection, of this process or another, committed since the
+    // connection's last snapshot (SQLite's data version), and when this connection
+    // changed rows. While it stays the same, every read gives the same answer. Like
+    // BEGIN and COMMIT, it is not counted as a statement nor by the fault seam.
+    struct Stamp {
+        std::uint64_t connection = 0;
+        std::int64_t dataVersion = 0;
+        std::int64_t ownChanges = 0;
+
+        bool operator==(const Stamp&) const = default;
+    };
+    [[nodiscard]] Stamp stamp();
+
+    // True while the fault seam has a plan for the open transaction.
+    [[nodiscard]] bool faultPlanned() const noexcept { return fault_ != nullptr; }
+
     [[nodiscard]] bool autocommit() const;
     [[nodiscard]] sqlite3* handle() const noexcept { return db_; }
     [[nodiscard]] std::size_t cachedStatementCount() const noexcept { return cache_.size(); }
@@ -405,6 +423,8 @@ class Connection {
                          long long rowid);
 
     sqlite3* db_ = nullptr;
+    // No other connection of the process has had it.
+    std::uint64_t serial_;
     std::unordered_map<std::string, std::unique_ptr<Statement>> cache_;
     // The statements last looked up, by the address of their text.
     struct RecentStatement {
