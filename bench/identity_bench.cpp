@@ -188,6 +188,33 @@ void BM_identityCorrectionsReadback(benchmark::State& state) {
 }
 BENCHMARK(BM_identityCorrectionsReadback)->Apply(allShapes)->UseManualTime();
 
+// The larger reads asked again with nothing committed in between, through a
+// repository that keeps their answers: the same arguments as above, so that after
+// the first rounds every call is answered from memory.
+void BM_searchSourceIdentities_askedAgain(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    const std::vector<std::string> excluding{nth(w.subjects.linked, 0)};
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.keeping->searchSourceIdentities("ann", 20, excluding));
+    });
+}
+BENCHMARK(BM_searchSourceIdentities_askedAgain)->Apply(allShapes)->UseManualTime();
+
+void BM_exactKeyCandidates_askedAgain(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    timeEach(state, [&] { benchmark::DoNotOptimize(w.keeping->exactKeyCandidates(50)); });
+}
+BENCHMARK(BM_exactKeyCandidates_askedAgain)->Apply(allShapes)->UseManualTime();
+
+void BM_identityHistory_askedAgain(benchmark::State& state) {
+    auto& w = libraryWorld(state);
+    std::size_t i = 0;
+    timeEach(state, [&] {
+        benchmark::DoNotOptimize(w.keeping->identityHistory(nth(w.subjects.mergedPersons, i++)));
+    });
+}
+BENCHMARK(BM_identityHistory_askedAgain)->Apply(allShapes)->UseManualTime();
+
 void BM_predictManualLinkSurvivor(benchmark::State& state) {
     auto& w = libraryWorld(state);
     std::vector<std::vector<ManualLinkTarget>> targets;

@@ -33,15 +33,26 @@ struct SearchKey {
     std::vector<std::string> excluding;
 
     bool operator==(const SearchKey&) const = default;
+
+    struct Hash {
+        std::size_t operator()(const SearchKey& key) const noexcept {
+            std::size_t hash =
+                std::hash<std::string>{}(key.query) ^ std::hash<std::int64_t>{}(key.limit) * 31;
+            for (const auto& id : key.excluding) {
+                hash = hash * 131 + std::hash<std::string>{}(id);
+            }
+            return hash;
+        }
+    };
 };
 
 struct KeptAnswers {
     // Enough for a search typed and corrected letter by letter, and for the
-    // histories of the people one goes back and forth between.
-    AnswerCache<SearchKey, std::vector<SourceIdentityRow>> identitySearches{32};
-    AnswerCache<SearchKey, std::vector<LinkablePersonRow>> peopleSearches{32};
+    // histories of the people one goes through (a history is a few short entries).
+    AnswerCache<SearchKey, std::vector<SourceIdentityRow>, SearchKey::Hash> identitySearches{32};
+    AnswerCache<SearchKey, std::vector<LinkablePersonRow>, SearchKey::Hash> peopleSearches{32};
     AnswerCache<std::int64_t, std::vector<IdentityCandidate>> exactKeyCandidates{4};
-    AnswerCache<std::string, std::vector<IdentityHistoryEntry>> histories{16};
+    AnswerCache<std::string, std::vector<IdentityHistoryEntry>> histories{256};
 };
 
 }  // namespace internal

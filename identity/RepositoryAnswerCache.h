@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -19,47 +21,53 @@
 
 namespace orvik::identity::internal {
 
-template <typename Key, typename Answer>
+template <typename Key, typename Answer, typename Hash = std::hash<Key>>
 class AnswerCache {
   public:
     explicit AnswerCache(std::size_t capacity) : capacity_(capacity) {}
 
     // The kept answer for key, or read() (whose exception passes through, keeping
-    // nothing). The most recently asked keys stay; the oldest go first.
+    // nothing). When full, the key asked longest ago makes room.
     template <typename Read>
     Answer get(const store::Connection::Stamp& stamp, Key key, Read&& read) {
         if (!stamp_ || *stamp_ != stamp) {
             entries_.clear();
             stamp_ = stamp;
         }
-        const auto found = std::find_if(entries_.begin(), entries_.end(),
-                                        [&](const Entry& entry) { return entry.key == key; });
-        if (found != entries_.end()) {
-            std::rotate(entries_.begin(), found, found + 1);
-            Entry& entry = entries_.front();
-            if (entry.answer) {
+        const std::size_t hash = Hash{}(key);
+        ++clock_;
+        for (Entry& entry : entries_) {
+            if (entry.hash == hash && entry.key == key) {
+                entry.lastAsked = clock_;
+                if (!entry.answer) {
+                    entry.answer = read();
+                }
                 return *entry.answer;
             }
-            Answer answer = read();
-            entry.answer = answer;
-            return answer;
         }
         Answer answer = read();
-        if (entries_.size() == capacity_) {
-            entries_.pop_back();
+        Entry remembered{hash, std::move(key), std::nullopt, clock_};
+        if (entries_.size() < capacity_) {
+            entries_.push_back(std::move(remembered));
+        } else {
+            *std::min_element(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+                return a.lastAsked < b.lastAsked;
+            }) = std::move(remembered);
         }
-        entries_.insert(entries_.begin(), Entry{std::move(key), std::nullopt});
         return answer;
     }
 
   private:
     struct Entry {
+        std::size_t hash = 0;
         Key key;
         std::optional<Answer> answer;
+        std::uint64_t lastAsked = 0;
     };
 
     std::size_t capacity_;
     std::optional<store::Connection::Stamp> stamp_;
+    std::uint64_t clock_ = 0;
     std::vector<Entry> entries_;
 };
 

@@ -51,6 +51,7 @@ void allShapes(benchmark::internal::Benchmark* benchmark) {
 
 World::~World() {
     repository.reset();
+    keeping.reset();
     pool.reset();
     if (!path.empty()) {
         removeScratch(path);
@@ -66,7 +67,10 @@ World& world(const StoreShape& shape, const std::string& tag) {
         entry->shape = shape;
         entry->path = scratchCopy(shape, tag);
         entry->pool = openStore(entry->path, shape);
-        entry->repository = std::make_unique<identity::IdentityRepository>(entry->pool, nullptr);
+        entry->repository = std::make_unique<identity::IdentityRepository>(
+            entry->pool, nullptr, host::HostServices::reference(),
+            identity::IdentityRepositoryOptions{.keepRepeatedAnswers = false});
+        entry->keeping = std::make_unique<identity::IdentityRepository>(entry->pool, nullptr);
         entry->subjects = readSubjects(*entry->pool);
     }
     return *entry;

@@ -33,7 +33,11 @@ struct World {
     StoreShape shape;
     std::filesystem::path path;
     std::shared_ptr<store::DatabasePool> pool;
+    // Reads the store on every call: what each operation costs the first time it
+    // is asked after a change, and what the floor replays.
     std::unique_ptr<identity::IdentityRepository> repository;
+    // Keeps its answers while the store does not change, as applications run it.
+    std::unique_ptr<identity::IdentityRepository> keeping;
     StoreSubjects subjects;
 };
 
