@@ -108,14 +108,27 @@ void BM_resolveCanonicalPerson(benchmark::State& state) {
 }
 BENCHMARK(BM_resolveCanonicalPerson)->Apply(allShapes)->UseManualTime();
 
-void BM_searchSourceIdentities(benchmark::State& state) {
+// The larger reads run through either repository of the world: the one that
+// keeps nothing (every call reads), and, as "_askedAgain", the one that keeps
+// their answers, given the same arguments, so that after the first rounds every
+// call is answered from memory.
+using Repository = std::unique_ptr<identity::IdentityRepository> World::*;
+
+void searchSourceIdentities(benchmark::State& state, Repository repository) {
     auto& w = libraryWorld(state);
     const std::vector<std::string> excluding{nth(w.subjects.linked, 0)};
     timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.repository->searchSourceIdentities("ann", 20, excluding));
+        benchmark::DoNotOptimize((w.*repository)->searchSourceIdentities("ann", 20, excluding));
     });
 }
+void BM_searchSourceIdentities(benchmark::State& state) {
+    searchSourceIdentities(state, &World::repository);
+}
+void BM_searchSourceIdentities_askedAgain(benchmark::State& state) {
+    searchSourceIdentities(state, &World::keeping);
+}
 BENCHMARK(BM_searchSourceIdentities)->Apply(allShapes)->UseManualTime();
+BENCHMARK(BM_searchSourceIdentities_askedAgain)->Apply(allShapes)->UseManualTime();
 
 // Not an operation: what the search's result alone costs, its records built from
 // the texts of the same rows and freed again, without the statement. The floor
@@ -143,11 +156,18 @@ void BM_searchUserStatedPeople(benchmark::State& state) {
 }
 BENCHMARK(BM_searchUserStatedPeople)->Apply(allShapes)->UseManualTime();
 
-void BM_exactKeyCandidates(benchmark::State& state) {
+void exactKeyCandidates(benchmark::State& state, Repository repository) {
     auto& w = libraryWorld(state);
-    timeEach(state, [&] { benchmark::DoNotOptimize(w.repository->exactKeyCandidates(50)); });
+    timeEach(state, [&] { benchmark::DoNotOptimize((w.*repository)->exactKeyCandidates(50)); });
+}
+void BM_exactKeyCandidates(benchmark::State& state) {
+    exactKeyCandidates(state, &World::repository);
+}
+void BM_exactKeyCandidates_askedAgain(benchmark::State& state) {
+    exactKeyCandidates(state, &World::keeping);
 }
 BENCHMARK(BM_exactKeyCandidates)->Apply(allShapes)->UseManualTime();
+BENCHMARK(BM_exactKeyCandidates_askedAgain)->Apply(allShapes)->UseManualTime();
 
 // Not an operation: the scan's 50 candidates copied and freed again, two
 // identities and a reason each, as BM_searchSourceIdentities_records does for
@@ -173,47 +193,28 @@ void BM_candidateContext(benchmark::State& state) {
 }
 BENCHMARK(BM_candidateContext)->Apply(allShapes)->UseManualTime();
 
-void BM_identityHistory(benchmark::State& state) {
+void identityHistory(benchmark::State& state, Repository repository) {
     auto& w = libraryWorld(state);
     std::size_t i = 0;
     timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.repository->identityHistory(nth(w.subjects.mergedPersons, i++)));
+        benchmark::DoNotOptimize(
+            (w.*repository)->identityHistory(nth(w.subjects.mergedPersons, i++)));
     });
 }
+void BM_identityHistory(benchmark::State& state) {
+    identityHistory(state, &World::repository);
+}
+void BM_identityHistory_askedAgain(benchmark::State& state) {
+    identityHistory(state, &World::keeping);
+}
 BENCHMARK(BM_identityHistory)->Apply(allShapes)->UseManualTime();
+BENCHMARK(BM_identityHistory_askedAgain)->Apply(allShapes)->UseManualTime();
 
 void BM_identityCorrectionsReadback(benchmark::State& state) {
     auto& w = libraryWorld(state);
     timeEach(state, [&] { benchmark::DoNotOptimize(w.repository->identityCorrectionsReadback()); });
 }
 BENCHMARK(BM_identityCorrectionsReadback)->Apply(allShapes)->UseManualTime();
-
-// The larger reads asked again with nothing committed in between, through a
-// repository that keeps their answers: the same arguments as above, so that after
-// the first rounds every call is answered from memory.
-void BM_searchSourceIdentities_askedAgain(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    const std::vector<std::string> excluding{nth(w.subjects.linked, 0)};
-    timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.keeping->searchSourceIdentities("ann", 20, excluding));
-    });
-}
-BENCHMARK(BM_searchSourceIdentities_askedAgain)->Apply(allShapes)->UseManualTime();
-
-void BM_exactKeyCandidates_askedAgain(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    timeEach(state, [&] { benchmark::DoNotOptimize(w.keeping->exactKeyCandidates(50)); });
-}
-BENCHMARK(BM_exactKeyCandidates_askedAgain)->Apply(allShapes)->UseManualTime();
-
-void BM_identityHistory_askedAgain(benchmark::State& state) {
-    auto& w = libraryWorld(state);
-    std::size_t i = 0;
-    timeEach(state, [&] {
-        benchmark::DoNotOptimize(w.keeping->identityHistory(nth(w.subjects.mergedPersons, i++)));
-    });
-}
-BENCHMARK(BM_identityHistory_askedAgain)->Apply(allShapes)->UseManualTime();
 
 void BM_predictManualLinkSurvivor(benchmark::State& state) {
     auto& w = libraryWorld(state);
