@@ -247,8 +247,13 @@ TEST_P(MultiProcess, TwoPoolsOfOneProcessAndAnotherProcessLoseNothing) {
     EXPECT_EQ(one.linkIdentity({personID(3), identityID(3), true}).status,
               schema::LinkIdentityResponse::Status::linked);
     acknowledged_.insert(3);
+    // Asked twice, the first pool's repository keeps the (empty) history; the
+    // other process's commit must still show through.
+    EXPECT_TRUE(one.identityHistory(personID(4)).empty());
+    EXPECT_TRUE(one.identityHistory(personID(4)).empty());
     linkInOwnProcess(4);
     EXPECT_TRUE(one.activeMembership(identityID(4)).has_value());
+    EXPECT_EQ(one.identityHistory(personID(4)).size(), 1U);
     first.reset();
     expectEverythingAcknowledgedIsThere();
 }
