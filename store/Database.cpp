@@ -523,30 +523,19 @@ Statement& Connection::cached(const std::string& sql) {
 }
 
 void Connection::executeCached(const std::string& sql) {
-    Statement& statement = cached(sql);
     // Reset at once, also after a failure: a COMMIT left pending would hold its
     // transaction open.
-    struct Reset {
-        Statement& statement;
-        ~Reset() { statement.reset(); }
-    } reset{statement};
-    while (statement.step()) {
+    Lease statement(&cached(sql), nullptr);
+    while (statement->step()) {
     }
 }
 
 Connection::Stamp Connection::stamp() {
-    Statement& statement = cached(kDataVersion);
-    struct Reset {
-        Statement& statement;
-        ~Reset() { statement.reset(); }
-    } reset{statement};
-    if (!statement.step()) {
+    Lease statement(&cached(kDataVersion), nullptr);
+    if (!statement->step()) {
         fail(SQLITE_ERROR, kDataVersion);
     }
-    // The update hook sees the rows this connection changed through statements;
-    // sqlite3_total_changes also counts those a statement changed without it.
-    return Stamp{serial_, sqlite3_column_int64(statement.stmt_, 0),
-                 static_cast<std::int64_t>(rowChanges_) + sqlite3_total_changes(db_)};
+    return Stamp{serial_, sqlite3_column_int64(statement->stmt_, 0), sqlite3_total_changes(db_)};
 }
 
 Connection::~Connection() {
